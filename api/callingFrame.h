@@ -29,6 +29,31 @@ inline ElementServer& server()
     return *ElementServer::GetElementServer();
 }
 
+// One property of one element, read through a temporary element. The element is held before the
+// property so that the property goes first when the reader is destroyed, also when the host throws.
+class PropertyRead
+{
+public:
+    PropertyRead(UINT32 uuid, UINT32 propertyId)
+        : element_(uuid), property_(element_.GetPropertyByPropertyID(low16(propertyId)))
+    {
+    }
+
+    bool empty() { return property_.IsEmpty(); }
+
+    // The value's bytes, or null when there is none; `size` receives their count. The bytes live
+    // as long as the reader.
+    const unsigned char* data(unsigned short& size)
+    {
+        size = 0;
+        return static_cast<const unsigned char*>(property_.GetData(&size));
+    }
+
+private:
+    Element element_;
+    Property property_;
+};
+
 // Hands a violated check to the installed handler.
 void reportAssertion(const char* expression, const char* function, const char* file, int line);
 
