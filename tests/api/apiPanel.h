@@ -3,18 +3,9 @@
 #ifndef TESTS_API_PANEL_H
 #define TESTS_API_PANEL_H
 
-#include <cstdio>
 #include <string>
 
 #include "support/panelFixture.h"
-
-// A number as the simulator's trace writes it: "0x1a".
-inline std::string hexText(unsigned value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", value);
-    return text;
-}
 
 // The probe's property 0x30100 + T has storage type T (0x301FF: 255); integers start as 0, truth
 // values as 1, the others as "ab". 0x30300 holds a string of no bytes, 0x30301 nothing. The ID
@@ -66,26 +57,17 @@ protected:
     }
 
 public:
-    static unsigned add(unsigned parent, unsigned short type)
-    {
-        int error = 0;
-        Element parentElement(parent);
-        const Element added = ElementServer::GetElementServer()->AddElement(
-            parent != 0 ? &parentElement : nullptr, type, false, &error, false);
-        return error == 0 ? added.GetUUID() : 0;
-    }
-
     static ApiTree buildTree()
     {
         ApiTree t{};
-        t.site = add(0, 0x0001);
-        t.panel = add(t.site, 0x0169);
-        t.hardware = add(t.panel, 0x0170);
-        t.p2 = add(t.hardware, 0x0171);
-        t.detection = add(t.panel, 0x0292);
-        t.control = add(t.detection, 0x0328);
-        t.probe = add(t.panel, 0x0400);
-        t.probe2 = add(t.panel, 0x0400);
+        t.site = addElement(0, 0x0001);
+        t.panel = addElement(t.site, 0x0169);
+        t.hardware = addElement(t.panel, 0x0170);
+        t.p2 = addElement(t.hardware, 0x0171);
+        t.detection = addElement(t.panel, 0x0292);
+        t.control = addElement(t.detection, 0x0328);
+        t.probe = addElement(t.panel, 0x0400);
+        t.probe2 = addElement(t.panel, 0x0400);
         return t;
     }
 
@@ -101,15 +83,6 @@ public:
     {
         ASSERT_TRUE(EGW_ElementServerSetStringProperty(bytes.data(), UINT16(bytes.size()), uuid,
                                                        propertyId, {}));
-    }
-
-    // True when a host call whose trace text contains `part` was made.
-    static bool traced(const std::vector<std::string>& trace, const std::string& part)
-    {
-        for (const std::string& entry : trace)
-            if (entry.find(part) != std::string::npos)
-                return true;
-        return false;
     }
 };
 

@@ -14,7 +14,8 @@ TEST_F(FrameTest, LockPolicies)
     EXPECT_EQ(EGW_ElementServerLock(1, {}) + EGW_ElementServerLock(2, {}), 0);
     EXPECT_EQ(EGW_ElementServerUnlock(nullptr) + EGW_ElementServerUnlock(nullptr), 0);
     const std::vector<std::string> trace = panelsim::stopTrace();
-    EXPECT_TRUE(traced(trace, "ElementServer::Lock(0)") && traced(trace, "ElementServer::Lock(2)"));
+    EXPECT_EQ(callsWith(trace, "::Lock("),
+              (std::vector<std::string>{"ElementServer::Lock(0)", "ElementServer::Lock(2)"}));
     for (UINT32 policy : {0u, 3u})
     {
         logLines().clear();

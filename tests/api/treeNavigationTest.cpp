@@ -20,7 +20,7 @@ TEST_F(TreeNavigationTest, ParentChildrenAndStartOfTheWantedType)
     panelsim::startTrace();
     EXPECT_EQ(EGW_ELementServerGetElementByElementTypeId(t.probe2, 0x70400, false, {}), t.probe2);
     EXPECT_EQ(EGW_ELementServerGetElementByElementTypeId(0, 0x0001, false, {}), t.site);
-    EXPECT_FALSE(traced(panelsim::stopTrace(), "GetElementByType"));
+    EXPECT_TRUE(callsWith(panelsim::stopTrace(), "GetElementByType").empty());
     EXPECT_EQ(EGW_ELementServerGetElementByElementTypeId(0, 0x70328, false, {}), t.control);
     EXPECT_EQ(EGW_ELementServerGetElementByElementTypeId(t.hardware, 0x0328, false, {}), 0u);
 }

@@ -76,12 +76,12 @@ TEST_F(BulkSubscriptions, SecondDeletionEventOnlyAfterTheFirstWasAccepted)
         EXPECT_EQ(EGW_SubscribeDeletedElementForWaitingNotifyByType(kPid, 0x70169, true, nullptr),
                   7);
     });
-    EXPECT_EQ(only(refused, "SubscribeByType").size(), 1u);
+    EXPECT_EQ(callsWith(refused, "SubscribeByType").size(), 1u);
     // By element, a module not logged in is reported as 0: the second event is tried as well.
     const UINT32 element = add(0, 0x70169);
     const auto trace = traceOf([&] {
         EXPECT_EQ(
             EGW_SubscribeDeletedElementForWaitingNotifyByElement(kPid, element, true, nullptr), 0);
     });
-    EXPECT_EQ(only(trace, "::SubscribeByElement(").size(), 2u);
+    EXPECT_EQ(callsWith(trace, "::SubscribeByElement(").size(), 2u);
 }

@@ -4,7 +4,6 @@
 #define TESTS_COMPOSITE_TEST_H
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -13,9 +12,6 @@
 
 class CompositeTest : public PanelTest
 {
-public:
-    static std::size_t reportCount() { return assertReports().size(); }
-
 protected:
     static void load(const std::string& json)
     {
@@ -30,13 +26,6 @@ protected:
         return uuid;
     }
 
-    static std::string hex(UINT32 value)
-    {
-        char text[16];
-        std::snprintf(text, sizeof text, "0x%x", value);
-        return text;
-    }
-
     // The host calls that `action` makes, in order.
     template <typename Action>
     static std::vector<std::string> traceOf(Action action)
@@ -44,16 +33,6 @@ protected:
         panelsim::startTrace();
         action();
         return panelsim::stopTrace();
-    }
-
-    // The calls of a trace that contain `part`, in order.
-    static std::vector<std::string> only(const std::vector<std::string>& trace,
-                                         const std::string& part)
-    {
-        std::vector<std::string> picked;
-        std::copy_if(trace.begin(), trace.end(), std::back_inserter(picked),
-                     [&](const std::string& call) { return call.find(part) != std::string::npos; });
-        return picked;
     }
 
     static std::vector<std::string> reportedExpressions()

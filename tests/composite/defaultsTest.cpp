@@ -56,7 +56,7 @@ TEST_F(Defaults, IntegerTextsReadAsA32BitStrtolReadsThem)
         EXPECT_EQ(EGW_BASIC_GetDefaultIntegerTypeProperty(0x70008, 0x30108, value), FALSE);
     });
     EXPECT_EQ(value, 0u);
-    EXPECT_TRUE(only(trace, "GetPropertyDefaultList").empty());
+    EXPECT_TRUE(callsWith(trace, "GetPropertyDefaultList").empty());
 }
 
 TEST_F(Defaults, PasswordsLoseTheirByteOrderMark)
@@ -107,5 +107,5 @@ TEST_F(Defaults, ResetSetsEveryGroupOrNone)
     EXPECT_EQ(logLines()[0].text,
               "<EGW_SetOneElementToDefaultStates>Warning:" + std::string(21, ' ') +
                   "get all default state failt!!" + std::string(21, ' ') +
-                  "uuid=" + hex(incomplete) + ", elementType=0x70169\n");
+                  "uuid=" + hexText(incomplete) + ", elementType=0x70169\n");
 }

@@ -106,7 +106,7 @@ TEST_F(PopulationQueries, ChildTypeWalkListsEachTypeOnceAndSurvivesCycles)
     std::vector<unsigned int> out{5};
     const auto trace = traceOf([&] { EGW_BASIC_THRIFT_GetAllChildrenElementType(out, 0x70169); });
     EXPECT_EQ(out, (std::vector<unsigned int>{0x70170, 0x70171}));
-    EXPECT_EQ(only(trace, "GetRelationList(0x70171)").size(), 1u);
+    EXPECT_EQ(callsWith(trace, "GetRelationList(0x70171)").size(), 1u);
     EXPECT_EQ(EGW_BASIC_THRIFT_GetAllChildrenElementType(out, 0x70020), TRUE);
     EXPECT_EQ(out, (std::vector<unsigned int>{0x70021, 0x70020}));
 }
@@ -114,7 +114,7 @@ TEST_F(PopulationQueries, ChildTypeWalkListsEachTypeOnceAndSurvivesCycles)
 TEST_F(PopulationQueries, WaitedDeleteCommandsThenStatesThenDeletes)
 {
     const auto set = [](UINT32 uuid, UINT32 value) {
-        return "Element(" + hex(uuid) + ")::SetState(0x5, " + hex(value) + ", false)";
+        return "Element(" + hexText(uuid) + ")::SetState(0x5, " + hexText(value) + ", false)";
     };
     for (UINT32 mode : {0u, 1u, 2u, 5u})
     {
@@ -135,14 +135,14 @@ TEST_F(PopulationQueries, WaitedDeleteCommandsThenStatesThenDeletes)
         const auto trace = traceOf(
             [&] { result = EGW_ELementServerDeleteElementWaitNotifyByUuid(root, changes, mode); });
         EXPECT_EQ(result, 0u);
-        EXPECT_EQ(only(trace, "::SetState("), expectedStates[std::min(mode, 3u)]) << mode;
+        EXPECT_EQ(callsWith(trace, "::SetState("), expectedStates[std::min(mode, 3u)]) << mode;
         // Every command goes before the first state change, the deletion after everything.
         const auto firstState = std::find_if(trace.begin(), trace.end(), [](const std::string& c) {
             return c.find("::SetState(") != std::string::npos;
         });
-        EXPECT_TRUE(only({firstState, trace.end()}, "::ExecuteCommand(").empty());
+        EXPECT_TRUE(callsWith({firstState, trace.end()}, "::ExecuteCommand(").empty());
         EXPECT_EQ(trace.back(),
-                  "ElementServer::DeleteElementWaitForNoticication(" + hex(root) + ")");
+                  "ElementServer::DeleteElementWaitForNoticication(" + hexText(root) + ")");
         const std::vector<UINT32> subtree{A, A1, A2};
         EXPECT_EQ(commandTargets(), mode == 0 ? std::vector<UINT32>{A1} : subtree);
         for (const panelsim::ExecutedCommand& command : panelsim::executedCommands())

@@ -90,7 +90,7 @@ TEST_F(StateChangeRecords, FirstMatchingRowWinsAndLaterRowsAreNotRead)
                                                  static_cast<UINT32>(rows.size()));
         });
         EXPECT_EQ(matched, result);
-        EXPECT_EQ(only(trace, "::GetType()").size(), rowsRead);
+        EXPECT_EQ(callsWith(trace, "::GetType()").size(), rowsRead);
     }
     const EGW_GROUP_STATE_STRUCT anyRow[] = {{0, 0, 0, 0}};
     EXPECT_EQ(EGW_BASIC_CompareTableData(Wire({element, G, B, 0}).data(), 16, anyRow, 1), FALSE);

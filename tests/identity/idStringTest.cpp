@@ -15,7 +15,7 @@ protected:
     // An element whose address (a point: device ID) holds the value.
     static unsigned addWith(unsigned parent, unsigned short type, unsigned value)
     {
-        const unsigned uuid = add(parent, type);
+        const unsigned uuid = addElement(parent, type);
         std::string bytes(4, '\0');
         std::memcpy(&bytes[0], &value, 4);
         setBytes(uuid, type == kPoint ? 0x30005 : 0x30004, bytes);
@@ -49,7 +49,7 @@ TEST_F(IdStringTest, ShapesByTheNumbersFound)
     {
         panelsim::reset();
         const unsigned four = addWith(addWith(0, kRoot, row.root), kFourDigit, row.fourDigit);
-        const unsigned section = addWith(add(four, kUnlisted), kSection, row.section);
+        const unsigned section = addWith(addElement(four, kUnlisted), kSection, row.section);
         EXPECT_EQ(idString(addWith(addWith(section, kPoint, row.point), kSubUnit, row.subUnit)),
                   row.text);
     }
@@ -58,9 +58,9 @@ TEST_F(IdStringTest, ShapesByTheNumbersFound)
 TEST_F(IdStringTest, NearestNonZeroNumberOfAListWins)
 {
     const unsigned outer = addWith(addWith(0, kRoot, 1), kSection, 7);
-    EXPECT_EQ(idString(add(addWith(outer, kSection, 9), kUnlisted)), "01.009");
+    EXPECT_EQ(idString(addElement(addWith(outer, kSection, 9), kUnlisted)), "01.009");
     EXPECT_EQ(idString(addWith(outer, kSection, 0)), "01.007");
-    const unsigned point = add(outer, kPoint);
+    const unsigned point = addElement(outer, kPoint);
     setBytes(point, 0x30005, "\xC3\xB2\xA1"); // three bytes are no device ID
     EXPECT_EQ(idString(point), "01.007");
 }

@@ -39,25 +39,15 @@ protected:
     unsigned root = 0;
 };
 
-TEST_F(EventTest, ByElementSubscriptionNeedsAnEventLogin)
-{
-    EXPECT_EQ(Element(root).SubscribeByElement(kFireAlarmChange, false, 40),
-              static_cast<int>(0x80070004u));
-    EXPECT_NE(Element(root + 5).SubscribeByElement(kFireAlarmChange, false, kModule), 0)
-        << "unknown element";
-    panelsim::loginModule(40);
-    EXPECT_EQ(Element(root).SubscribeByElement(kFireAlarmChange, false, 40), 0);
-    panelsim::logoutModule(40);
-    EXPECT_EQ(Element(root).SubscribeByElement(kPreDeleteCommand, false, 40),
-              static_cast<int>(0x80070004u));
-}
-
-TEST_F(EventTest, SubscriptionsAreListedUnsubscribedAndDuplicatesAreIdempotent)
+TEST_F(EventTest, SubscriptionsNeedALoginAreListedAndUnsubscribed)
 {
     EXPECT_NE(server().SubscribeByType(0x0FFF, kFireAlarmChange, false, kModule), 0)
         << "type unknown";
+    EXPECT_NE(Element(root + 5).SubscribeByElement(kFireAlarmChange, false, kModule), 0)
+        << "unknown element";
     EXPECT_EQ(server().SubscribeByType(0x0169, kFireAlarmChange, false, kModule), 0);
-    EXPECT_EQ(server().SubscribeByType(0x0169, kFireAlarmChange, false, kModule), 0);
+    EXPECT_EQ(server().SubscribeByType(0x0169, kFireAlarmChange, false, kModule), 0)
+        << "a duplicate changes nothing";
     EXPECT_EQ(Element(root).SubscribeByElement(kPreDeleteCommand, false, kModule), 0);
     const auto list = panelsim::subscriptions();
     ASSERT_EQ(list.size(), 2u);
@@ -71,13 +61,22 @@ TEST_F(EventTest, SubscriptionsAreListedUnsubscribedAndDuplicatesAreIdempotent)
     EXPECT_NE(Element(root).Un_SubscribeByElement(kPreDeleteCommand, kOtherModule), 0);
     EXPECT_EQ(Element(root).Un_SubscribeByElement(kPreDeleteCommand, kModule), 0);
     EXPECT_TRUE(panelsim::subscriptions().empty());
+
+    // By element, only a module logged in for events may subscribe.
+    EXPECT_EQ(Element(root).SubscribeByElement(kFireAlarmChange, false, 40),
+              static_cast<int>(0x80070004u));
+    panelsim::loginModule(40);
+    EXPECT_EQ(Element(root).SubscribeByElement(kFireAlarmChange, false, 40), 0);
+    panelsim::logoutModule(40);
+    EXPECT_EQ(Element(root).SubscribeByElement(kPreDeleteCommand, false, 40),
+              static_cast<int>(0x80070004u));
 }
 
 TEST_F(EventTest, StateChangeReachesEachModuleOnceWithItsRecord)
 {
     server().SubscribeByType(0x0169, kFireAlarmChange, false, kModule);
     Element(root).SubscribeByElement(kFireAlarmChange, false, kModule);
-    Element(root).SubscribeByElement(kFireAlarmChange, false, kOtherModule);
+    server().SubscribeByType(0x0169, kFireAlarmChange, true, kOtherModule); // one shot
 
     ASSERT_EQ(Element(root).SetState(0x0001, 0x60002, false), 0);
     for (unsigned pid : {kModule, kOtherModule})
@@ -94,9 +93,20 @@ TEST_F(EventTest, StateChangeReachesEachModuleOnceWithItsRecord)
         EXPECT_EQ(words[2], 0x60002u) << "new value first";
         EXPECT_EQ(words[3], 0x60001u) << "then the previous one";
     }
+    EXPECT_EQ(panelsim::subscriptions().size(), 2u) << "the one shot has ended";
     Element(root).SetState(0x0001, 0x60002, false);
     Element(root).SetState(0x0001, 0x60003, true);
     EXPECT_TRUE(drain(kModule).empty()) << "no change, or a silent one, raises nothing";
+    Element(root).SetState(0x0001, 0x60001, false);
+    EXPECT_EQ(drain(kModule).size(), 1u);
+    EXPECT_TRUE(drain(kOtherModule).empty());
+
+    EXPECT_NE(server().OpenEventDispatcher(), 0) << "already open";
+    EXPECT_EQ(server().CloseEventDispatcher(), 0);
+    EXPECT_NE(server().CloseEventDispatcher(), 0);
+    EXPECT_FALSE(panelsim::isDispatcherOpen());
+    Element(root).SetState(0x0001, 0x60002, false);
+    EXPECT_TRUE(drain(kModule).empty()) << "nothing is raised while the dispatcher is closed";
 }
 
 TEST_F(EventTest, PropertyAndCommandEventsCarryTheirData)
@@ -129,26 +139,6 @@ TEST_F(EventTest, PropertyAndCommandEventsCarryTheirData)
     EXPECT_EQ(executed[0].source, root);
     EXPECT_EQ(executed[1].source, 0u);
     EXPECT_TRUE(executed[1].parameters.empty());
-}
-
-TEST_F(EventTest, OneShotSubscriptionsEndAfterTheirFirstEvent)
-{
-    server().SubscribeByType(0x0169, kFireAlarmChange, true, kModule);
-    Element(root).SetState(0x0001, 0x60002, false);
-    Element(root).SetState(0x0001, 0x60001, false);
-    EXPECT_EQ(drain(kModule).size(), 1u);
-    EXPECT_TRUE(panelsim::subscriptions().empty());
-}
-
-TEST_F(EventTest, NothingIsRaisedWhileTheDispatcherIsClosed)
-{
-    EXPECT_NE(server().OpenEventDispatcher(), 0) << "already open";
-    EXPECT_EQ(server().CloseEventDispatcher(), 0);
-    EXPECT_NE(server().CloseEventDispatcher(), 0);
-    EXPECT_FALSE(panelsim::isDispatcherOpen());
-    server().SubscribeByType(0x0169, kFireAlarmChange, false, kModule);
-    Element(root).SetState(0x0001, 0x60002, false);
-    EXPECT_TRUE(drain(kModule).empty());
 }
 
 TEST_F(EventTest, WaitedDeleteAnnouncesBeforeAndConfirmsAfter)
@@ -184,10 +174,10 @@ TEST_F(EventTest, FullQueueDropsCountsAndReports)
     EXPECT_EQ(panelsim::droppedEvents(kModule), 6u);
     EXPECT_EQ(panelsim::droppedEvents(kOtherModule), 0u);
     EXPECT_EQ(drain(kModule).size(), 1024u);
-    ASSERT_EQ(log.size(), 6u);
-    EXPECT_EQ(log[0].level, 4);
-    EXPECT_EQ(log[0].module, "<PanelSim>");
-    EXPECT_NE(log[0].text.find("module 11"), std::string::npos) << log[0].text;
+    ASSERT_EQ(logLines().size(), 6u);
+    EXPECT_EQ(logLines()[0].level, 4);
+    EXPECT_EQ(logLines()[0].module, "<PanelSim>");
+    EXPECT_NE(logLines()[0].text.find("module 11"), std::string::npos) << logLines()[0].text;
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 // Fault injection, the call trace, the call counter, live objects and the debug log.
-#include <cstdio>
 #include <cstring>
 
 #include "host/debugPrint.h"
@@ -10,13 +9,6 @@ namespace
 
 using FaultTest = SimTest;
 using panelsim::FaultKind;
-
-std::string hexText(unsigned value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", value);
-    return text;
-}
 
 TEST_F(FaultTest, TraceRecordsEveryHostCallInOrder)
 {
@@ -165,10 +157,10 @@ TEST_F(FaultTest, DebugPrintFormatsAnyLengthForTheSink)
 {
     const std::string longText(5000, 'x');
     DebugPrint(4, "<GatewayApiLib>", "value=%d, text=%s\n", 42, longText.c_str());
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_EQ(log[0].level, 4);
-    EXPECT_EQ(log[0].module, "<GatewayApiLib>");
-    EXPECT_EQ(log[0].text, "value=42, text=" + longText + "\n");
+    ASSERT_EQ(logLines().size(), 1u);
+    EXPECT_EQ(logLines()[0].level, 4);
+    EXPECT_EQ(logLines()[0].module, "<GatewayApiLib>");
+    EXPECT_EQ(logLines()[0].text, "value=42, text=" + longText + "\n");
 
     panelsim::setLogSink(nullptr);
     ::testing::internal::CaptureStderr();

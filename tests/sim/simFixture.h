@@ -1,54 +1,22 @@
-// Fixture of the simulator's own tests: the sample type library, an empty tree, the debug log
-// captured, and a check that no Element or Property outlives a test.
+// Fixture of the simulator's own tests: the panel fixture with the host reached directly.
 #ifndef TESTS_SIM_FIXTURE_H
 #define TESTS_SIM_FIXTURE_H
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include <list>
 #include <vector>
 
-#include "host/elementServer.h"
 #include "host/idDefine.h"
 #include "host/typeLibrary.h"
-#include "panelsim/panelsim.h"
+#include "support/panelFixture.h"
 
-struct SimLogLine
-{
-    int level;
-    std::string module;
-    std::string text;
-};
-
-class SimTest : public ::testing::Test
+class SimTest : public PanelTest
 {
 protected:
-    void SetUp() override
-    {
-        panelsim::loadSampleTypeLibrary();
-        panelsim::reset();
-        panelsim::setLogSink([this](int level, const std::string& module, const std::string& text) {
-            log.push_back({level, module, text});
-        });
-    }
-
-    void TearDown() override
-    {
-        panelsim::reset();
-        EXPECT_EQ(panelsim::liveElements(), 0);
-        EXPECT_EQ(panelsim::liveProperties(), 0);
-    }
-
     static ElementServer& server() { return *ElementServer::GetElementServer(); }
 
-    // Adds an element of `type` below `parent` (0: the root) and returns its uuid, 0 on refusal.
     static unsigned add(unsigned parent, unsigned short type, bool checkChildType = false)
     {
-        int error = -1;
-        Element parentElement(parent);
-        Element added = server().AddElement(parent ? &parentElement : nullptr, type, checkChildType,
-                                            &error, false);
-        return error == 0 ? added.GetUUID() : 0;
+        return addElement(parent, type, checkChildType);
     }
 
     static std::vector<unsigned> uuids(const std::list<Element>& elements)
@@ -63,8 +31,6 @@ protected:
     {
         return uuids(Element(uuid).GetChildrenList());
     }
-
-    std::vector<SimLogLine> log;
 };
 
 // A small panel:

@@ -12,19 +12,13 @@ constexpr unsigned kNormal = 0x60001;
 constexpr unsigned kFireAlarm = 0x60002;
 constexpr unsigned kNightMode = 0x6000D;
 
-TEST_F(StateTest, StatesStartFromTheGroupsDefault)
+TEST_F(StateTest, StatesStartFromTheGroupsDefaultAndTakeOnlyValuesOfAGroupTheTypeHas)
 {
     const unsigned root = add(0, 0x0169);
     const unsigned settings = add(add(root, 0x0292), 0x0354);
     EXPECT_EQ(Element(root).GetState(kFireAlarmGroup), kNormal);
     EXPECT_EQ(Element(settings).GetState(kDayNightGroup), 0u);
     EXPECT_EQ(GetDefaultStatusOfGroup(0x80006), 0u);
-}
-
-TEST_F(StateTest, SetStateTakesOnlyValuesOfAGroupTheTypeHas)
-{
-    const unsigned root = add(0, 0x0169);
-    const unsigned settings = add(add(root, 0x0292), 0x0354);
     EXPECT_EQ(Element(root).SetState(kFireAlarmGroup, kFireAlarm, false), 0);
     EXPECT_EQ(Element(root).GetState(kFireAlarmGroup), kFireAlarm);
     EXPECT_EQ(Element(settings).SetState(kDayNightGroup, kNightMode, true), 0);
@@ -75,18 +69,7 @@ TEST_F(RelationTree, RelationsReadInBothDirectionsInInsertionOrder)
     EXPECT_NE(relate(hardware, root + 100, 2), 0) << "unknown target";
 }
 
-TEST_F(RelationTree, ReplaceDropsTheHoldersOtherRelationsOfThatType)
-{
-    relate(hardware, detection, 2);
-    relate(hardware, control, 2);
-    relate(hardware, control, 1);
-    ASSERT_EQ(relate(hardware, root, 2, true), 0);
-    EXPECT_EQ(related(hardware, 2, true), std::vector<unsigned>{root});
-    EXPECT_EQ(related(hardware, 1, true), std::vector<unsigned>{control});
-    EXPECT_TRUE(related(detection, 2, false).empty());
-}
-
-TEST_F(RelationTree, DeletionRemovesOneOrAllOfAType)
+TEST_F(RelationTree, DeletionRemovesOneOrAllOfATypeAndReplaceDropsTheOthersOfThatType)
 {
     relate(hardware, detection, 2);
     relate(hardware, control, 2);
@@ -94,10 +77,18 @@ TEST_F(RelationTree, DeletionRemovesOneOrAllOfAType)
     EXPECT_EQ(unrelate(hardware, detection, 2), 0);
     EXPECT_NE(unrelate(hardware, detection, 2), 0) << "nothing left to remove";
     EXPECT_EQ(related(hardware, 2, true), std::vector<unsigned>{control});
+    ASSERT_EQ(relate(hardware, detection, 2), 0);
     EXPECT_EQ(unrelate(hardware, 0, 2, true), 0);
     EXPECT_TRUE(related(hardware, 2, true).empty());
     EXPECT_TRUE(related(control, 2, false).empty());
     EXPECT_EQ(related(control, 1, false), std::vector<unsigned>{hardware});
+
+    relate(hardware, detection, 2);
+    relate(hardware, control, 2);
+    ASSERT_EQ(relate(hardware, root, 2, true), 0);
+    EXPECT_EQ(related(hardware, 2, true), std::vector<unsigned>{root});
+    EXPECT_EQ(related(hardware, 1, true), std::vector<unsigned>{control});
+    EXPECT_TRUE(related(detection, 2, false).empty());
 }
 
 } // namespace

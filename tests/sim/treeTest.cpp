@@ -8,20 +8,6 @@ namespace
 
 using TreeTest = SimTest;
 
-TEST_F(TreeTest, RootIsMadeOnlyWhileThereIsNone)
-{
-    int error = 0;
-    Element none = server().GetRoot(&error);
-    EXPECT_NE(error, 0);
-
-    const unsigned root = add(0, 0x0169);
-    ASSERT_NE(root, 0u);
-    EXPECT_EQ(add(0, 0x0169), 0u);
-    EXPECT_EQ(server().GetRoot(&error).GetUUID(), root);
-    EXPECT_EQ(error, 0);
-    EXPECT_EQ(panelsim::elementCount(), 1u);
-}
-
 TEST_F(TreeTest, UuidsAreNeverZeroNorReusedAcrossDeletesAndResets)
 {
     std::vector<unsigned> seen;
@@ -41,7 +27,7 @@ TEST_F(TreeTest, UuidsAreNeverZeroNorReusedAcrossDeletesAndResets)
     EXPECT_EQ(std::count(seen.begin(), seen.end(), 0u), 0);
 }
 
-TEST_F(TreeTest, ChildrenKeepTheOrderTheyWereAddedInAndKnowTheirParent)
+TEST_F(TreeTest, ChildrenKeepTheOrderTheyWereAddedInAndKnowTheirParentAndValidate)
 {
     const unsigned root = add(0, 0x0169);
     const unsigned a = add(root, 0x0328);
@@ -57,6 +43,10 @@ TEST_F(TreeTest, ChildrenKeepTheOrderTheyWereAddedInAndKnowTheirParent)
     EXPECT_NE(error, 0);
     EXPECT_EQ(Element(b).GetType(), 0x0170);
     EXPECT_EQ(Element(0).GetType(), 0);
+    EXPECT_EQ(Element(root).Validate(true), 0);
+    EXPECT_EQ(Element(b).Validate(false), 0);
+    EXPECT_NE(Element(c + 77).Validate(false), 0);
+    EXPECT_NE(Element(0).Validate(true), 0);
 }
 
 TEST_F(TreeTest, AddIsRefusedForUnknownParentsTypesAndChildTypes)
@@ -96,9 +86,16 @@ TEST_F(DeletionTest, DeletionRemovesTheSubtreeWithItsRelationsAndSubscriptions)
     EXPECT_NE(server().DeleteElement(hardwareElement, false), 0);
 }
 
-TEST_F(TreeTest, DeletingOnlyTheChildrenKeepsTheElement)
+TEST_F(TreeTest, RootIsMadeOnlyWhileThereIsNoneAndDeletingOnlyTheChildrenKeepsTheElement)
 {
+    int error = 0;
+    server().GetRoot(&error);
+    EXPECT_NE(error, 0);
     const unsigned root = add(0, 0x0169);
+    ASSERT_NE(root, 0u);
+    EXPECT_EQ(add(0, 0x0169), 0u);
+    EXPECT_EQ(server().GetRoot(&error).GetUUID(), root);
+    EXPECT_EQ(error, 0);
     add(root, 0x0170);
     add(root, 0x0292);
     Element rootElement(root);
@@ -106,20 +103,9 @@ TEST_F(TreeTest, DeletingOnlyTheChildrenKeepsTheElement)
     EXPECT_TRUE(children(root).empty());
     EXPECT_EQ(panelsim::elementCount(), 1u);
     EXPECT_EQ(server().DeleteElement(rootElement, false), 0);
-    int error = 0;
     server().GetRoot(&error);
     EXPECT_NE(error, 0);
     EXPECT_NE(add(0, 0x0007), 0u) << "a deleted root makes room for a new one";
-}
-
-TEST_F(TreeTest, ValidateAnswersForExistingElementsOnly)
-{
-    const unsigned root = add(0, 0x0169);
-    add(root, 0x0170);
-    EXPECT_EQ(Element(root).Validate(true), 0);
-    EXPECT_EQ(Element(root).Validate(false), 0);
-    EXPECT_NE(Element(root + 77).Validate(false), 0);
-    EXPECT_NE(Element(0).Validate(true), 0);
 }
 
 } // namespace

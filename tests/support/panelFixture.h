@@ -1,10 +1,13 @@
-// The fixture of every gateway test: a fresh simulator with the sample type library, the debug log
-// and precondition reports captured, and a check that no host object outlives the test.
+// The fixture of every gateway and simulator test: a fresh simulator with the sample type library,
+// the debug log and precondition reports captured, and a check that no host object outlives it.
 #ifndef TESTS_PANEL_FIXTURE_H
 #define TESTS_PANEL_FIXTURE_H
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -57,6 +60,35 @@ protected:
     {
         static std::vector<AssertReport> reports;
         return reports;
+    }
+
+    // Adds an element of `type` below `parent` (0: the root) through the host itself, not through
+    // the operations under test; its uuid, 0 on refusal.
+    static unsigned addElement(unsigned parent, unsigned short type, bool checkChildType = false)
+    {
+        int error = -1;
+        Element parentElement(parent);
+        const Element added = ElementServer::GetElementServer()->AddElement(
+            parent != 0 ? &parentElement : nullptr, type, checkChildType, &error, false);
+        return error == 0 ? added.GetUUID() : 0;
+    }
+
+    // A number as the simulator's trace writes it: "0x1a".
+    static std::string hexText(unsigned value)
+    {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%x", value);
+        return text;
+    }
+
+    // The calls of a trace that contain `part`, in order.
+    static std::vector<std::string> callsWith(const std::vector<std::string>& trace,
+                                              const std::string& part)
+    {
+        std::vector<std::string> picked;
+        std::copy_if(trace.begin(), trace.end(), std::back_inserter(picked),
+                     [&](const std::string& call) { return call.find(part) != std::string::npos; });
+        return picked;
     }
 
 private:
