@@ -1,5 +1,7 @@
 // Identity numbers and the ID string of an element: which number an element contributes depends
 // only on its type, through five fixed type lists.
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -47,6 +49,52 @@ constexpr IdentityRule kRules[] = {
     {kSubUnitTypes, std::size(kSubUnitTypes), kAddressProperty},
     {kFourDigitTypes, std::size(kFourDigitTypes), kAddressProperty},
 };
+
+// Every listed type with the rule of its list, sorted by type. No type is in two lists, so the
+// first rule that lists a type is the only one: a walk up a deep tree finds it with one binary
+// search per element instead of scanning all 83 entries.
+struct ListedType
+{
+    unsigned short type;
+    unsigned char rule;
+};
+constexpr std::size_t kListedTypeCount = std::size(kRootTypes) + std::size(kSectionTypes) +
+                                         std::size(kPointTypes) + std::size(kSubUnitTypes) +
+                                         std::size(kFourDigitTypes);
+
+constexpr std::array<ListedType, kListedTypeCount> sortedListedTypes()
+{
+    std::array<ListedType, kListedTypeCount> table{};
+    std::size_t filled = 0;
+    for (std::size_t rule = 0; rule < std::size(kRules); ++rule)
+    {
+        for (unsigned int i = 0; i < kRules[rule].count; ++i)
+        {
+            const unsigned short type = kRules[rule].types[i];
+            std::size_t at = filled++;
+            for (; at > 0 && table[at - 1].type > type; --at)
+            {
+                table[at] = table[at - 1];
+            }
+            table[at] = {type, static_cast<unsigned char>(rule)};
+        }
+    }
+    return table;
+}
+constexpr std::array<ListedType, kListedTypeCount> kListedTypes = sortedListedTypes();
+
+constexpr bool typesAreDistinct()
+{
+    for (std::size_t i = 1; i < kListedTypes.size(); ++i)
+    {
+        if (kListedTypes[i - 1].type == kListedTypes[i].type)
+        {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(typesAreDistinct(), "no type is in two of the ID string's lists");
 
 // Stores the property's value into `number` when it holds exactly four bytes.
 void readIdentityNumber(Element& element, unsigned short propertyId, unsigned int& number)
@@ -105,14 +153,16 @@ void whoami(Element& element, unsigned int& rootAddress, unsigned int& sectionAd
     unsigned int* const numbers[] = {&rootAddress, &sectionAddress, &pointDeviceId, &subUnitAddress,
                                      &fourDigitAddress};
     const unsigned short type = element.GetType();
-    for (std::size_t k = 0; k < std::size(kRules); ++k)
+    const auto byType = [](const ListedType& entry, unsigned short wanted) {
+        return entry.type < wanted;
+    };
+    const ListedType* const listed =
+        std::lower_bound(kListedTypes.begin(), kListedTypes.end(), type, byType);
+    // The rule of the type's list applies while its number is still 0, whether or not the
+    // property then holds a value.
+    if (listed != kListedTypes.end() && listed->type == type && *numbers[listed->rule] == 0)
     {
-        // The first rule that applies decides, whether or not its property holds a value.
-        if (*numbers[k] == 0 && checkTable(kRules[k].types, kRules[k].count, type))
-        {
-            readIdentityNumber(element, kRules[k].property, *numbers[k]);
-            return;
-        }
+        readIdentityNumber(element, kRules[listed->rule].property, *numbers[listed->rule]);
     }
 }
 
