@@ -4,16 +4,17 @@
 include(CMakePackageConfigHelpers)
 
 set(EGW_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/elementGateway)
-set(EGW_EXPORTED_TARGETS elementGateway)
-if(EGW_EXTERNAL_HOST)
-  list(APPEND EGW_EXPORTED_TARGETS egw_host)
-else()
-  list(APPEND EGW_EXPORTED_TARGETS panelsim)
-endif()
-
-install(TARGETS ${EGW_EXPORTED_TARGETS} EXPORT elementGatewayTargets
+install(TARGETS elementGateway EXPORT elementGatewayTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${EGW_INCLUDE_SUBDIR})
+if(EGW_EXTERNAL_HOST)
+  install(TARGETS egw_host EXPORT elementGatewayTargets)
+else()
+  # The simulator is packaged with the tools, apart from the library that the panel runs.
+  install(TARGETS panelsim EXPORT elementGatewayTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT panelsim NAMELINK_COMPONENT development
+    INCLUDES DESTINATION ${EGW_INCLUDE_SUBDIR})
+endif()
 install(FILES elementGateway.h DESTINATION ${EGW_INCLUDE_SUBDIR} COMPONENT development)
 install(FILES api/gatewayTypes.h api/gatewayApi.h DESTINATION ${EGW_INCLUDE_SUBDIR}/api
         COMPONENT development)
@@ -34,6 +35,20 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/elementGatewayConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/elementGatewayConfigVersion.cmake
         DESTINATION ${EGW_CMAKE_DIR} COMPONENT development)
 
+# The pkg-config file names its prefix relative to itself, so an installed tree can be moved
+# (a package unpacked elsewhere, a target root mounted on the build machine).
+file(RELATIVE_PATH EGW_PC_PREFIX_FROM_PCDIR /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" EGW_PC_PREFIX_FROM_PCDIR "${EGW_PC_PREFIX_FROM_PCDIR}")
+set(EGW_PC_HOST_LIBS -lpanelsim)
+if(EGW_EXTERNAL_HOST)
+  # Paths and linker flags stay as given; bare names become -l flags.
+  list(TRANSFORM EGW_HOST_LIBRARIES REPLACE "^([^-/].*)$" "-l\\1" OUTPUT_VARIABLE EGW_PC_HOST_LIBS)
+  string(JOIN " " EGW_PC_HOST_LIBS ${EGW_PC_HOST_LIBS})
+endif()
+set(EGW_PC_CFLAGS "")
+if(EGW_LEGACY_CXX_ABI)
+  set(EGW_PC_CFLAGS " -D_GLIBCXX_USE_CXX11_ABI=0")
+endif()
 configure_file(cmake/elementGateway.pc.in ${CMAKE_CURRENT_BINARY_DIR}/elementGateway.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/elementGateway.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

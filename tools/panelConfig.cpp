@@ -736,8 +736,9 @@ std::string readPropertyValue(UINT32 uuid, UINT32 propertyId)
                      {"month", dateTime.mMonth},
                      {"day", dateTime.mDay},
                      {"weekDay", dateTime.mWeekDay},
-                     {"secondOfDay", dateTime.mSecondOfDay},
-                     {"microsecond", dateTime.mMicrosecond}};
+                     // Copied out: a reference to a field of the packed record is misaligned.
+                     {"secondOfDay", UINT32{dateTime.mSecondOfDay}},
+                     {"microsecond", UINT32{dateTime.mMicrosecond}}};
         }
         break;
     case Storage::Bytes:

@@ -211,7 +211,7 @@ std::vector<Row> rows()
         {"EGW_ElementServerSetPropertyBoolDataById", [](Panel& p) { return show(EGW_ElementServerSetPropertyBoolDataById(p.root, 0x30006, 1, nullptr)); }, gives(show(0))},
         {"EGW_ElementServerGetPropertyIntDataById", [](Panel& p) { UINT32 v = kSentinel; const BOOL r = EGW_ElementServerGetPropertyIntDataById(p.section, 0x30004, v, nullptr); return show(r, v); }, gives(show(0, kSentinel))},
         {"EGW_ElementServerSetPropertyIntDataById", [](Panel& p) { return show(EGW_ElementServerSetPropertyIntDataById(p.section, 0x30004, 9, nullptr)); }, gives(show(0))},
-        {"EGW_ElementServerGetPropertyDatetimeDataById", [](Panel& p) { tagBSC_DATETIME v{}; const BOOL r = EGW_ElementServerGetPropertyDatetimeDataById(p.root, 0x3000B, v, nullptr); return show(r, v.mYear, v.mSecondOfDay); }, gives(show(0, 0, 0)), false, [](Panel& p) { EGW_ElementServerSetPropertyDatetimeDataById(p.root, 0x3000B, kDatetime, nullptr); }},
+        {"EGW_ElementServerGetPropertyDatetimeDataById", [](Panel& p) { tagBSC_DATETIME v{}; const BOOL r = EGW_ElementServerGetPropertyDatetimeDataById(p.root, 0x3000B, v, nullptr); return show(r, v.mYear, UINT32{v.mSecondOfDay}); }, gives(show(0, 0, 0)), false, [](Panel& p) { EGW_ElementServerSetPropertyDatetimeDataById(p.root, 0x3000B, kDatetime, nullptr); }},
         {"EGW_ElementServerSetPropertyDatetimeDataById", [](Panel& p) { return show(EGW_ElementServerSetPropertyDatetimeDataById(p.root, 0x3000B, kDatetime, nullptr)); }, gives(show(0))},
         // A failed GetData reports no bytes, which the string readers take for a value of 0 bytes.
         {"EGW_ElementServerGetStringProperty", [](Panel& p) { std::string s = "ab"; const BOOL r = EGW_ElementServerGetStringProperty(s, p.point, 0x30002, nullptr); return show(r, s); }, [](const std::string& f, const std::string& n) { return f == n || f == show(0, "ab") || f == show(1, "ab"); }},
@@ -412,7 +412,7 @@ protected:
         ++totals().runs;
         const bool reached = trace.size() >= k;
         const auto failed = trace.begin() + std::min<std::size_t>(k - 1, trace.size());
-        const bool visible = std::any_of(failed, persistent ? trace.end() : std::min(failed + 1, trace.end()),
+        const bool visible = std::any_of(failed, persistent || failed == trace.end() ? trace.end() : failed + 1,
                                          failsVisibly);
 
         const std::string where = std::string(row.function) + " k=" + std::to_string(k) +

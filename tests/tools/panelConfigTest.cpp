@@ -114,7 +114,7 @@ TEST_F(PanelConfigTest, SamplePanelBuildsWithItsValuesGuidsEveryCategoryAndIdStr
                   panel_.uuidOf("panel"), id(IdKind::Property, "CommissioningDate"), date, nullptr),
               1);
     EXPECT_EQ(date.mYear, 2023);
-    EXPECT_EQ(date.mSecondOfDay, 36000u);
+    EXPECT_EQ(UINT32{date.mSecondOfDay}, 36000u);
     UINT32 state = 0;
     EGW_ELementServerGetStateValueByUuid(state, panel_.uuidOf("det-1-002"),
                                          id(IdKind::StateGroup, "DisablementState"), nullptr);

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the project needs, when any is missing. Prints nothing when all
+# are there. Runs as root, or through sudo otherwise.
+#
+#   scripts/setup.sh          native build, tests, sanitizers, packages
+#   scripts/setup.sh cross    also the ARM cross compilers and qemu-user for the target tests
+set -euo pipefail
+
+packages=(build-essential cmake ninja-build g++ clang clang-14 libclang-rt-14-dev ccache pkg-config
+          binutils file dpkg-dev python3
+          googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev)
+for group in "$@"; do
+    case "$group" in
+        cross) packages+=(g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user) ;;
+        *) echo "setup.sh: unknown group '$group' (known: cross)" >&2; exit 2 ;;
+    esac
+done
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null) || true
+    if [[ "$status" != "install ok installed" ]]; then
+        missing+=("$package")
+    fi
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then
+    sudo=(sudo)
+fi
+echo "setup.sh: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+# Other sessions may hold the package lock for a while; wait for it instead of failing.
+apt_options=(-qq -o DPkg::Lock::Timeout=600)
+"${sudo[@]}" apt-get "${apt_options[@]}" update
+"${sudo[@]}" apt-get "${apt_options[@]}" install -y --no-install-recommends "${missing[@]}" \
+    >/dev/null
