@@ -1,0 +1,119 @@
+// The service's events: one module subscription in the element server for all sessions, counted
+// per (type or element, event id), and one bounded queue per session. A pump thread takes each
+// event from the event source, decodes it once (ID string, state-change record, event detail) and
+// queues it for every session that subscribed to it. A full queue never loses events silently:
+// the session receives a gap marker with the number lost.
+#ifndef SERVICE_EVENT_HUB_H
+#define SERVICE_EVENT_HUB_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "panelService_types.h"
+#include "service/eventSource.h"
+
+namespace egwservice
+{
+
+namespace rpc = ::egw::rpc;
+
+// One event id of the elements of a type (byType) or of one element.
+struct EventFilter
+{
+    bool byType;
+    UINT32 target; // tagged type id, or uuid
+    UINT32 eventId;
+
+    bool operator<(const EventFilter& other) const
+    {
+        return std::tie(byType, target, eventId) <
+               std::tie(other.byType, other.target, other.eventId);
+    }
+};
+
+// The events of one session, in sequence, bounded.
+class SessionQueue
+{
+public:
+    explicit SessionQueue(std::size_t limit) : limit_(limit) {}
+
+    void push(const rpc::Event& event);
+    // Counts events that never reached the queue; the next take() announces them.
+    void lose(std::size_t count);
+    // Up to `max` events; waits up to `timeout` for the first one, or until closed.
+    std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout);
+    void close();
+
+private:
+    void announceLossLocked();
+
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::deque<rpc::Event> events_;
+    std::int64_t nextSequence_ = 1;
+    std::size_t lost_ = 0;
+    std::size_t limit_;
+    bool closed_ = false;
+};
+
+class EventHub
+{
+public:
+    EventHub(EventSource& source, UINT32 module, std::size_t queueLimit,
+             std::size_t filterLimit);
+    ~EventHub();
+    EventHub(const EventHub&) = delete;
+    EventHub& operator=(const EventHub&) = delete;
+
+    UINT32 module() const { return module_; }
+
+    // A new session's queue; detach() drops it and the session's subscriptions.
+    std::shared_ptr<SessionQueue> attach();
+    void detach(const std::shared_ptr<SessionQueue>& queue);
+
+    // Subscribes the session in the element server, through the library's subscriptions. The
+    // request is checked first; a refusal throws a PanelError and changes nothing.
+    void subscribe(const std::shared_ptr<SessionQueue>& queue, const rpc::Subscription& request,
+                   void* client);
+    void unsubscribe(const std::shared_ptr<SessionQueue>& queue, const rpc::Subscription& request,
+                     void* client);
+
+    // Stops the pump and wakes every waiting session.
+    void stop();
+
+private:
+    struct SessionFilters
+    {
+        std::weak_ptr<SessionQueue> queue;
+        std::map<EventFilter, int> filters;
+    };
+
+    void pump();
+    void deliver(const RawEvent& raw);
+    void releaseLocked(const EventFilter& filter, int count, void* client);
+
+    EventSource& source_;
+    const UINT32 module_;
+    const std::size_t queueLimit_;
+    const std::size_t filterLimit_;
+    std::mutex mutex_;
+    std::map<SessionQueue*, SessionFilters> sessions_;
+    std::map<EventFilter, int> held_; // element-server subscriptions, by number of holders
+    std::map<UINT32, UINT32> deletedTypes_; // types of elements announced as being deleted
+    std::size_t droppedSeen_ = 0;
+    std::atomic<bool> stopping_{false};
+    std::thread pump_;
+};
+
+} // namespace egwservice
+
+#endif

@@ -1,0 +1,1204 @@
+#include "service/panelHandler.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "panelService_constants.h"
+#include "service/accessLevels.h"
+#include "service/passwords.h"
+
+namespace egwservice
+{
+namespace
+{
+
+using rpc::ErrorCode;
+
+constexpr UINT32 kGuidProperty = 0x301A4;
+constexpr UINT32 kGuidCounterProperty = 0x301A6;
+// The number types that an address text may hold.
+constexpr UINT32 kAddressTextTypes = 0x980E0;
+constexpr std::int32_t kMostEvents = 10000;
+constexpr std::int32_t kLongestPollMs = 60000;
+
+std::string elementText(const Subject& subject)
+{
+    return "element " + std::to_string(subject.uuid) + " (type " + hex(subject.type) + ")";
+}
+
+template <typename From>
+std::vector<std::int64_t> widened(const std::vector<From>& list)
+{
+    std::vector<std::int64_t> out;
+    out.reserve(list.size());
+    for (const From value : list)
+    {
+        out.push_back(static_cast<UINT32>(value));
+    }
+    return out;
+}
+
+// The element server's lock around operations that need one consistent tree.
+class TreeLock
+{
+public:
+    explicit TreeLock(void* client) : client_(client)
+    {
+        if (EGW_ElementServerLock(1, client_) != 0)
+        {
+            refuse(ErrorCode::REFUSED, "the element server's lock could not be taken");
+        }
+    }
+    ~TreeLock() { EGW_ElementServerUnlock(client_); }
+    TreeLock(const TreeLock&) = delete;
+    TreeLock& operator=(const TreeLock&) = delete;
+
+private:
+    void* client_;
+};
+
+void refused(bool accepted, const std::string& what)
+{
+    if (!accepted)
+    {
+        refuse(ErrorCode::REFUSED, "the element server refused " + what);
+    }
+}
+
+// An element given as a start or root: 0 stands for the tree root.
+Subject elementOrRoot(TypeFacts& facts, std::int64_t uuid, const char* argument, void* client)
+{
+    if (uuid != 0)
+    {
+        return facts.element(uuid, argument);
+    }
+    const UINT32 root = EGW_ELementServerGetTreeRoot(client);
+    if (root == 0)
+    {
+        refuse(ErrorCode::NO_SUCH_ELEMENT, "the element tree has no root");
+    }
+    return facts.element(root, argument);
+}
+
+// A source element of a command: 0 for none, else an element.
+UINT32 sourceElement(TypeFacts& facts, std::int64_t source)
+{
+    return source == 0 ? 0 : facts.element(source, "source").uuid;
+}
+
+rpc::PropertyDefinition definitionOf(const EGW_PropertyDef_Thrift& p)
+{
+    rpc::PropertyDefinition d;
+    d.propertyId = p.PropertyID;
+    d.attr1 = p.Attr1;
+    d.attr2 = p.Attr2;
+    d.attr3 = p.Attr3;
+    d.attr4 = p.Attr4;
+    d.attr5 = p.Attr5;
+    d.attr6 = p.Attr6;
+    d.attr7 = p.Attr7;
+    d.storageType = EGW_ElementServerGetPropertyTypeById(p.PropertyID);
+    return d;
+}
+
+// The GUID operations read the counter on the tree root and the GUID of the element; the library
+// reports a missing counter as a broken invariant, so both are checked first.
+void requireGuidProperties(TypeFacts& facts, const Subject& subject, void* client)
+{
+    const auto defines = [&](UINT32 type, UINT32 property) {
+        const auto& list = facts.properties(type);
+        return std::any_of(list.begin(), list.end(), [&](const EGW_PropertyDef_Thrift& p) {
+            return (p.PropertyID & 0xFFFFu) == (property & 0xFFFFu);
+        });
+    };
+    if (!defines(subject.type, kGuidProperty))
+    {
+        return; // the element takes no GUID; the library leaves it alone
+    }
+    const Subject root = elementOrRoot(facts, 0, "root", client);
+    if (!defines(root.type, kGuidCounterProperty))
+    {
+        refuse(ErrorCode::NOT_DEFINED, "the tree root, " + elementText(root) +
+                                           ", has no GUID counter (property " +
+                                           hex(kGuidCounterProperty) + ")");
+    }
+}
+
+} // namespace
+
+// ---- ServiceCore --------------------------------------------------------------------------------
+
+ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source)
+    : settings_(std::move(settings)),
+      events_(source, 4, settings_.queueLimit, settings_.filterLimit)
+{
+}
+
+// ---- Session ------------------------------------------------------------------------------------
+
+PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level)
+    : core_(core),
+      id_(core.newSessionId()),
+      peer_(std::move(peer)),
+      level_(level),
+      client_(NewThriftClientInstance()),
+      events_(core.events().attach())
+{
+    ++core_.openSessions;
+}
+
+PanelHandler::~PanelHandler()
+{
+    core_.events().detach(events_);
+    ThriftClient_Close(client_);
+    --core_.openSessions;
+}
+
+template <typename Body>
+auto PanelHandler::run(const char* operation, Body&& body)
+{
+    requireLevel(egwservice::requiredLevel(operation), operation);
+    try
+    {
+        return body();
+    }
+    catch (const rpc::PanelError&)
+    {
+        throw;
+    }
+    catch (const std::exception& e)
+    {
+        refuse(ErrorCode::REFUSED, std::string(operation) + ": the element server failed (" +
+                                       e.what() + ")");
+    }
+}
+
+void PanelHandler::requireLevel(int level, const std::string& what) const
+{
+    if (level == 0 || level_ < level)
+    {
+        rpc::PanelError error;
+        error.code = ErrorCode::ACCESS_DENIED;
+        error.requiredLevel = level;
+        error.message = what + " needs access level " + std::to_string(level) +
+                        "; the session is at level " + std::to_string(level_);
+        throw error;
+    }
+}
+
+rpc::SessionInfo PanelHandler::sessionInfo() const
+{
+    rpc::SessionInfo info;
+    info.sessionId = id_;
+    info.accessLevel = level_;
+    info.peer = peer_;
+    return info;
+}
+
+void PanelHandler::getServiceInfo(rpc::ServiceInfo& _return)
+{
+    run("getServiceInfo", [&] {
+        const ServiceSettings& settings = core_.settings();
+        _return.interfaceVersion = rpc::g_panelService_constants.INTERFACE_VERSION;
+        _return.serviceVersion = settings.serviceVersion;
+        _return.panelDescription = settings.panelDescription;
+        _return.host = settings.host;
+        _return.moduleId = static_cast<std::int32_t>(core_.events().module());
+        const UINT32 root = EGW_ELementServerGetTreeRoot(client());
+        std::vector<unsigned int> all;
+        _return.elementCount =
+            root == 0 ? 0 : EGW_BASIC_THRIFT_GetAllElementUuidByElementType(root, 0, all, client());
+    });
+}
+
+std::int64_t PanelHandler::echo(std::int64_t value)
+{
+    return run("echo", [&] { return value; });
+}
+
+void PanelHandler::getAccessLevels(std::map<std::string, std::int32_t>& _return)
+{
+    run("getAccessLevels", [&] {
+        for (const auto& rule : accessTable())
+        {
+            _return.emplace(rule.first, rule.second);
+        }
+    });
+}
+
+void PanelHandler::getSession(rpc::SessionInfo& _return)
+{
+    run("getSession", [&] { _return = sessionInfo(); });
+}
+
+void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const std::string& password)
+{
+    run("login", [&] {
+        if (level <= kLowestLevel || level > kHighestLevel)
+        {
+            refuse(ErrorCode::BAD_ARGUMENT,
+                   "level " + std::to_string(level) + ": a login raises the session to level 2, 3 "
+                                                      "or 4 (logout returns to level 1)");
+        }
+        bool accepted = false;
+        for (const std::string& expected : levelPasswords(level))
+        {
+            accepted = samePassword(password, expected) || accepted;
+        }
+        if (!accepted)
+        {
+            refuse(ErrorCode::BAD_PASSWORD,
+                   "the password for access level " + std::to_string(level) + " is not right");
+        }
+        level_ = level;
+        _return = sessionInfo();
+    });
+}
+
+void PanelHandler::logout(rpc::SessionInfo& _return)
+{
+    run("logout", [&] {
+        level_ = kLowestLevel;
+        _return = sessionInfo();
+    });
+}
+
+// ---- Tree navigation ----------------------------------------------------------------------------
+
+PanelHandler::Uuid PanelHandler::getRoot()
+{
+    return run("getRoot", [&] { return Uuid{EGW_ELementServerGetTreeRoot(client())}; });
+}
+
+PanelHandler::Uuid PanelHandler::getParent(Uuid uuid)
+{
+    return run("getParent", [&] {
+        TypeFacts facts;
+        return Uuid{EGW_ELementServerGetParentUuid(facts.element(uuid).uuid, client())};
+    });
+}
+
+void PanelHandler::getChildren(std::vector<Uuid>& _return, Uuid uuid)
+{
+    run("getChildren", [&] {
+        TypeFacts facts;
+        std::vector<int> children;
+        EGW_ELementServerGetChildrenUuidList(children, facts.element(uuid).uuid, client());
+        _return = widened(children);
+    });
+}
+
+PanelHandler::Id PanelHandler::getElementType(Uuid uuid)
+{
+    return run("getElementType", [&] {
+        TypeFacts facts;
+        return Id{facts.element(uuid).type};
+    });
+}
+
+PanelHandler::Uuid PanelHandler::findElementByType(Uuid start, Id typeId, bool childrenOnly)
+{
+    return run("findElementByType", [&] {
+        TypeFacts facts;
+        const UINT32 from = start == 0 ? 0 : facts.element(start, "start").uuid;
+        const UINT32 type = idOf(IdKind::ElementType, typeId, "typeId");
+        return Uuid{EGW_ELementServerGetElementByElementTypeId(from, type, childrenOnly, client())};
+    });
+}
+
+PanelHandler::Uuid PanelHandler::findElementByProperty(Uuid start, Id propertyId,
+                                                       const std::string& value, bool childrenOnly)
+{
+    return run("findElementByProperty", [&] {
+        TypeFacts facts;
+        const Subject from = elementOrRoot(facts, start, "start", client());
+        const UINT32 property = idOf(IdKind::Property, propertyId, "propertyId");
+        // Searching by a password's value would reveal it.
+        requireLevel(propertyLevel(property), "searching by property " + hex(property));
+        const UINT16 size = byteCount(value, "value", false);
+        return Uuid{EGW_ELementServerGetElementByProperty(from.uuid, property, value.data(), size,
+                                                          childrenOnly, client())};
+    });
+}
+
+void PanelHandler::collectSubtree(std::vector<Uuid>& _return, Uuid root, Id typeId)
+{
+    run("collectSubtree", [&] {
+        TypeFacts facts;
+        const Subject from = elementOrRoot(facts, root, "root", client());
+        const UINT32 type = typeId == 0 ? 0 : idOf(IdKind::ElementType, typeId, "typeId");
+        std::vector<unsigned int> found;
+        EGW_BASIC_THRIFT_GetAllElementUuidByElementType(from.uuid, type, found, client());
+        _return = widened(found);
+    });
+}
+
+PanelHandler::Uuid PanelHandler::getUniqueElement(std::int32_t typeNumber)
+{
+    return run("getUniqueElement", [&] {
+        if (typeNumber <= 0 || typeNumber > 0xFFFF)
+        {
+            refuse(ErrorCode::BAD_ARGUMENT, "typeNumber " + std::to_string(typeNumber) +
+                                                " is not a type number (1 to 0xFFFF)");
+        }
+        int error = 0;
+        Element element = GetUniqueElement(static_cast<unsigned short>(typeNumber), &error);
+        if (error == 5)
+        {
+            refuse(ErrorCode::NOT_DEFINED,
+                   "type number " + hex(static_cast<UINT32>(typeNumber)) +
+                       " has no fixed type chain to find its element by");
+        }
+        return Uuid{element.GetUUID()};
+    });
+}
+
+void PanelHandler::getSubtreeRoots(rpc::SubtreeRoots& _return)
+{
+    run("getSubtreeRoots", [&] {
+        _return.hardware = EGW_ELementServerGetHardwareTreeRoot(client());
+        _return.p2 = EGW_ELementServerGetP2TreeRoot(client());
+        _return.detection = EGW_ELementServerGetDetectionTreeRoot(client());
+        _return.control = EGW_ELementServerGetControlTreeRoot(client());
+    });
+}
+
+// ---- Identity and addresses ---------------------------------------------------------------------
+
+void PanelHandler::getIdString(std::string& _return, Uuid uuid)
+{
+    run("getIdString", [&] {
+        TypeFacts facts;
+        EGW_ElementServerGetIDStringOfElement(_return, facts.element(uuid).uuid, client());
+    });
+}
+
+void PanelHandler::getAddressRecord(rpc::AddressRecord& _return, Uuid uuid)
+{
+    run("getAddressRecord", [&] {
+        TypeFacts facts;
+        const Subject subject = facts.element(uuid);
+        EGW_THRIFT_ADDRESS_STRUCT record{};
+        if (EGW_GetThriftAddressStructByUuid(record, subject.uuid, client()) != TRUE)
+        {
+            refuse(ErrorCode::NOT_DEFINED, elementText(subject) + " has no address");
+        }
+        _return.data = record.mData;
+        _return.dataType = record.mDataType;
+    });
+}
+
+void PanelHandler::getAddressTexts(rpc::AddressTexts& _return, Uuid uuid)
+{
+    run("getAddressTexts", [&] {
+        TypeFacts facts;
+        const UINT32 element = facts.element(uuid).uuid;
+        EGW_BASIC_THRIFT_GetPhysicalAddress(element, _return.physical, client());
+        EGW_BASIC_THRIFT_GetLogicAddress(element, _return.logical, client());
+    });
+}
+
+void PanelHandler::formatAddressList(std::string& _return,
+                                     const std::vector<rpc::AddressRecord>& records)
+{
+    run("formatAddressList", [&] {
+        notEmpty(records.size(), "records");
+        std::vector<S_EGW_THRIFT_ADDRESS_STRUCT> list;
+        for (const rpc::AddressRecord& record : records)
+        {
+            const UINT32 type = word(record.dataType, "dataType");
+            if (type > 19 || ((kAddressTextTypes >> type) & 1u) == 0)
+            {
+                refuse(ErrorCode::BAD_ARGUMENT,
+                       "dataType " + std::to_string(type) +
+                           " is not a number type of an address (5, 6, 7, 15, 16 or 19)");
+            }
+            list.push_back({word(record.data, "data"), type});
+        }
+        EGW_BASIC_FormatAddressStructDataList(_return, list);
+        if (!_return.empty() && _return.back() == '\0')
+        {
+            _return.pop_back();
+        }
+    });
+}
+
+// ---- Properties ---------------------------------------------------------------------------------
+
+UINT32 PanelHandler::allowedProperty(TypeFacts& facts, const Subject& subject,
+                                     Id propertyId) const
+{
+    const UINT32 property = facts.property(subject, propertyId);
+    requireLevel(propertyLevel(property), "property " + hex(property));
+    return property;
+}
+
+rpc::PropertyValue PanelHandler::read(const Subject& subject, UINT32 propertyId)
+{
+    rpc::PropertyValue value;
+    value.storageType = EGW_ElementServerGetPropertyTypeById(propertyId);
+    switch (storageOf(static_cast<UINT32>(value.storageType)))
+    {
+    case Storage::Truth:
+    {
+        int truth = 0;
+        value.present = EGW_ElementServerGetPropertyBoolDataById(subject.uuid, propertyId, truth,
+                                                                 client()) == TRUE;
+        value.__set_truth(truth != 0);
+        break;
+    }
+    case Storage::Integer8:
+    case Storage::Integer16:
+    case Storage::Integer32:
+    {
+        UINT32 number = 0;
+        value.present = EGW_ElementServerGetPropertyIntDataById(subject.uuid, propertyId, number,
+                                                                client()) == TRUE;
+        // 16-bit values come sign-extended; they are shown as the signed numbers they are.
+        value.__set_integer(storageOf(static_cast<UINT32>(value.storageType)) == Storage::Integer16
+                                ? std::int64_t{static_cast<std::int32_t>(number)}
+                                : std::int64_t{number});
+        break;
+    }
+    case Storage::DateTime:
+    {
+        tagBSC_DATETIME record{};
+        value.present = EGW_ElementServerGetPropertyDatetimeDataById(subject.uuid, propertyId,
+                                                                     record, client()) == TRUE;
+        if (value.present)
+        {
+            rpc::DateTime& d = value.dateTime;
+            d.year = record.mYear;
+            d.month = record.mMonth;
+            d.day = record.mDay;
+            d.weekDay = record.mWeekDay;
+            std::uint32_t second = 0;
+            std::uint32_t micro = 0;
+            std::memcpy(&second, reinterpret_cast<const unsigned char*>(&record) + 5, 4);
+            std::memcpy(&micro, reinterpret_cast<const unsigned char*>(&record) + 9, 4);
+            d.secondOfDay = second;
+            d.microsecond = micro;
+            value.__isset.dateTime = true;
+            break;
+        }
+        // A date-time property holding something else is handed over as its bytes.
+        [[fallthrough]];
+    }
+    case Storage::Bytes:
+    case Storage::None:
+    {
+        std::string bytes;
+        value.present = EGW_ElementServerGetPropertyDataByPropertyID(subject.uuid, propertyId,
+                                                                     bytes, client()) == TRUE;
+        value.__set_bytes(bytes);
+        break;
+    }
+    }
+    return value;
+}
+
+void PanelHandler::readProperty(rpc::PropertyValue& _return, Uuid uuid, Id propertyId)
+{
+    run("readProperty", [&] {
+        TypeFacts facts;
+        const Subject subject = facts.element(uuid);
+        _return = read(subject, allowedProperty(facts, subject, propertyId));
+    });
+}
+
+namespace
+{
+
+// A typed read's value; refused when the property is of another storage or holds nothing.
+const rpc::PropertyValue& typed(const rpc::PropertyValue& value, bool isset, const char* wanted,
+                                UINT32 propertyId, UINT32 uuid)
+{
+    if (!isset)
+    {
+        refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(propertyId) + " has storage type " +
+                                            std::to_string(value.storageType) + ", not " + wanted);
+    }
+    if (!value.present)
+    {
+        refuse(ErrorCode::NOT_DEFINED, "element " + std::to_string(uuid) + " holds no value of property " +
+                                           hex(propertyId));
+    }
+    return value;
+}
+
+} // namespace
+
+bool PanelHandler::getBool(Uuid uuid, Id propertyId)
+{
+    return run("getBool", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 p = allowedProperty(facts, s, propertyId);
+        const rpc::PropertyValue v = read(s, p);
+        return typed(v, v.__isset.truth, "a truth value", p, s.uuid).truth;
+    });
+}
+
+std::int64_t PanelHandler::getInteger(Uuid uuid, Id propertyId)
+{
+    return run("getInteger", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 p = allowedProperty(facts, s, propertyId);
+        const rpc::PropertyValue v = read(s, p);
+        return typed(v, v.__isset.integer, "an integer", p, s.uuid).integer;
+    });
+}
+
+void PanelHandler::getDateTime(rpc::DateTime& _return, Uuid uuid, Id propertyId)
+{
+    run("getDateTime", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 p = allowedProperty(facts, s, propertyId);
+        const rpc::PropertyValue v = read(s, p);
+        _return = typed(v, v.__isset.dateTime, "a date-time record", p, s.uuid).dateTime;
+    });
+}
+
+void PanelHandler::getBytes(std::string& _return, Uuid uuid, Id propertyId)
+{
+    run("getBytes", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 p = allowedProperty(facts, s, propertyId);
+        // Any property can be read as the bytes the element holds.
+        if (EGW_ElementServerGetPropertyDataByPropertyID(s.uuid, p, _return, client()) != TRUE)
+        {
+            refuse(ErrorCode::NOT_DEFINED,
+                   elementText(s) + " holds no value of property " + hex(p));
+        }
+    });
+}
+
+void PanelHandler::write(Uuid uuid, Id propertyId, Storage wanted, const char* what,
+                         const std::function<BOOL(UINT32, UINT32)>& store)
+{
+    TypeFacts facts;
+    const Subject s = facts.element(uuid);
+    const UINT32 p = allowedProperty(facts, s, propertyId);
+    const UINT32 storageType = EGW_ElementServerGetPropertyTypeById(p);
+    const Storage storage = storageOf(storageType);
+    const bool fits = storage == wanted ||
+                      (wanted == Storage::Integer32 &&
+                       (storage == Storage::Integer8 || storage == Storage::Integer16)) ||
+                      (wanted == Storage::Bytes && storage == Storage::None);
+    if (!fits)
+    {
+        refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(p) + " has storage type " +
+                                            std::to_string(storageType) + "; it takes no " + what);
+    }
+    refused(store(s.uuid, p) == TRUE, "the value of property " + hex(p) + " for " + elementText(s));
+}
+
+void PanelHandler::setBool(Uuid uuid, Id propertyId, bool value)
+{
+    run("setBool", [&] {
+        write(uuid, propertyId, Storage::Truth, "truth value", [&](UINT32 u, UINT32 p) {
+            return EGW_ElementServerSetPropertyBoolDataById(u, p, value ? 1 : 0, client());
+        });
+    });
+}
+
+void PanelHandler::setInteger(Uuid uuid, Id propertyId, std::int64_t value)
+{
+    run("setInteger", [&] {
+        write(uuid, propertyId, Storage::Integer32, "integer", [&](UINT32 u, UINT32 p) {
+            std::int64_t low = -2147483648ll;
+            std::int64_t high = 4294967295ll;
+            switch (storageOf(EGW_ElementServerGetPropertyTypeById(p)))
+            {
+            case Storage::Integer8:
+                low = 0;
+                high = 255;
+                break;
+            case Storage::Integer16:
+                low = -32768;
+                high = 32767;
+                break;
+            default:
+                break;
+            }
+            if (value < low || value > high)
+            {
+                refuse(ErrorCode::VALUE_OUT_OF_RANGE,
+                       "property " + hex(p) + " holds " + std::to_string(low) + " to " +
+                           std::to_string(high) + "; " + std::to_string(value) + " does not fit");
+            }
+            return EGW_ElementServerSetPropertyIntDataById(u, p, static_cast<UINT32>(value),
+                                                           client());
+        });
+    });
+}
+
+void PanelHandler::setDateTime(Uuid uuid, Id propertyId, const rpc::DateTime& value)
+{
+    run("setDateTime", [&] {
+        const auto in = [](std::int64_t v, std::int64_t high, const char* member) {
+            if (v < 0 || v > high)
+            {
+                refuse(ErrorCode::VALUE_OUT_OF_RANGE, std::string("value.") + member + " " +
+                                                          std::to_string(v) + " is not 0 to " +
+                                                          std::to_string(high));
+            }
+        };
+        in(value.year, 0xFFFF, "year");
+        in(value.month, 0xFF, "month");
+        in(value.day, 0xFF, "day");
+        in(value.weekDay, 0xFF, "weekDay");
+        in(value.secondOfDay, 0xFFFFFFFFll, "secondOfDay");
+        in(value.microsecond, 0xFFFFFFFFll, "microsecond");
+        write(uuid, propertyId, Storage::DateTime, "date-time record", [&](UINT32 u, UINT32 p) {
+            tagBSC_DATETIME record{};
+            record.mYear = static_cast<unsigned short>(value.year);
+            record.mMonth = static_cast<unsigned char>(value.month);
+            record.mDay = static_cast<unsigned char>(value.day);
+            record.mWeekDay = static_cast<unsigned char>(value.weekDay);
+            const auto second = static_cast<std::uint32_t>(value.secondOfDay);
+            const auto micro = static_cast<std::uint32_t>(value.microsecond);
+            std::memcpy(reinterpret_cast<unsigned char*>(&record) + 5, &second, 4);
+            std::memcpy(reinterpret_cast<unsigned char*>(&record) + 9, &micro, 4);
+            return EGW_ElementServerSetPropertyDatetimeDataById(u, p, record, client());
+        });
+    });
+}
+
+void PanelHandler::setBytes(Uuid uuid, Id propertyId, const std::string& value)
+{
+    run("setBytes", [&] {
+        const UINT16 size = byteCount(value, "value", false);
+        write(uuid, propertyId, Storage::Bytes, "byte string", [&](UINT32 u, UINT32 p) {
+            return EGW_ElementServerSetStringProperty(value.data(), size, u, p, client());
+        });
+    });
+}
+
+void PanelHandler::readProperties(std::vector<rpc::PropertyResult>& _return,
+                                  const std::vector<rpc::PropertyRef>& refs)
+{
+    run("readProperties", [&] {
+        notEmpty(refs.size(), "refs");
+        if (refs.size() > core_.settings().batchLimit)
+        {
+            refuse(ErrorCode::LIMIT, "refs holds " + std::to_string(refs.size()) +
+                                         " pairs; one request reads at most " +
+                                         std::to_string(core_.settings().batchLimit));
+        }
+        TypeFacts facts;
+        _return.resize(refs.size());
+        for (std::size_t i = 0; i < refs.size(); ++i)
+        {
+            rpc::PropertyResult& result = _return[i];
+            result.uuid = refs[i].uuid;
+            result.propertyId = refs[i].propertyId;
+            try
+            {
+                const Subject s = facts.element(refs[i].uuid);
+                result.__set_value(read(s, allowedProperty(facts, s, refs[i].propertyId)));
+            }
+            catch (const rpc::PanelError& error)
+            {
+                result.__set_error(error);
+            }
+        }
+    });
+}
+
+// ---- Type library -------------------------------------------------------------------------------
+
+void PanelHandler::getTypeInfo(rpc::TypeInfo& _return, Id typeId)
+{
+    run("getTypeInfo", [&] {
+        TypeFacts facts;
+        const UINT32 type = facts.elementType(typeId);
+        _return.typeId = type;
+        for (const EGW_PropertyDef_Thrift& p : facts.properties(type))
+        {
+            _return.properties.push_back(definitionOf(p));
+        }
+        std::vector<EGW_RelationDef_Thrift> relations;
+        EGW_ELementServerGetRelationList(type, relations);
+        for (const EGW_RelationDef_Thrift& r : relations)
+        {
+            rpc::RelationDefinition d;
+            d.relatedTypeId = r.RelatedTypeID;
+            d.relationKind = r.RelationKind;
+            d.attr1 = r.Attr1;
+            d.attr2 = r.Attr2;
+            d.attr3 = r.Attr3;
+            _return.relations.push_back(d);
+        }
+        std::vector<unsigned int> commands;
+        EGW_ELementServerGetCommandListByElementTypeId(commands, type);
+        _return.commands = widened(commands);
+        _return.stateGroups = widened(facts.stateGroups(type));
+        _return.visibility = EGW_BASIC_GetVisibleByElementType(type);
+    });
+}
+
+void PanelHandler::getPropertyDefaults(std::vector<rpc::PropertyDefault>& _return, Id typeId)
+{
+    run("getPropertyDefaults", [&] {
+        TypeFacts facts;
+        std::vector<PropertyDefaultDef> defaults;
+        EGW_ELementServerGetPropertyDefaultDataList(facts.elementType(typeId), defaults);
+        for (const PropertyDefaultDef& d : defaults)
+        {
+            rpc::PropertyDefault out;
+            EGW_PropertyDef_Thrift definition{d.PropertyID, d.Attr1, d.Attr2, d.Attr3,
+                                              d.Attr4,      d.Attr5, d.Attr6, d.Attr7};
+            out.definition = definitionOf(definition);
+            // The default passwords are shown only to level 4.
+            if (propertyLevel(d.PropertyID) <= level_)
+            {
+                out.defaultText = d.DefaultValue;
+            }
+            _return.push_back(out);
+        }
+    });
+}
+
+std::int64_t PanelHandler::getDefaultInteger(Id typeId, Id propertyId)
+{
+    return run("getDefaultInteger", [&] {
+        TypeFacts facts;
+        const UINT32 type = facts.elementType(typeId);
+        const UINT32 property = idOf(IdKind::Property, propertyId, "propertyId");
+        requireLevel(propertyLevel(property), "property " + hex(property));
+        UINT32 value = 0;
+        if (EGW_BASIC_GetDefaultIntegerTypeProperty(type, property, value) != TRUE)
+        {
+            refuse(ErrorCode::NOT_DEFINED, "type " + hex(type) + " has no default for property " +
+                                               hex(property));
+        }
+        return std::int64_t{static_cast<std::int32_t>(value)};
+    });
+}
+
+std::int64_t PanelHandler::getPropertyStorageType(Id propertyId)
+{
+    return run("getPropertyStorageType", [&] {
+        return std::int64_t{EGW_ElementServerGetPropertyTypeById(
+            idOf(IdKind::Property, propertyId, "propertyId"))};
+    });
+}
+
+void PanelHandler::getStateValues(std::vector<Id>& _return, Id groupId)
+{
+    run("getStateValues", [&] {
+        std::vector<unsigned int> values;
+        EGW_GetAllStatusInGroup(idOf(IdKind::StateGroup, groupId, "groupId"), values);
+        _return = widened(values);
+    });
+}
+
+PanelHandler::Id PanelHandler::getDefaultStateOfGroup(Id groupId)
+{
+    return run("getDefaultStateOfGroup", [&] {
+        return Id{EGW_GetDefaultStatusOfGroup(idOf(IdKind::StateGroup, groupId, "groupId"))};
+    });
+}
+
+void PanelHandler::getDefaultStates(std::vector<rpc::StateValue>& _return, Id typeId)
+{
+    run("getDefaultStates", [&] {
+        TypeFacts facts;
+        std::vector<S_EGW_GET_DEFAULT_STATUS> defaults;
+        // The list stops at the first group without a default state.
+        EGW_BASIC_GetDefaultStatus(facts.elementType(typeId), defaults);
+        for (const S_EGW_GET_DEFAULT_STATUS& d : defaults)
+        {
+            rpc::StateValue state;
+            state.groupId = d.mGroupId;
+            state.value = d.mDefaultStateValue;
+            _return.push_back(state);
+        }
+    });
+}
+
+void PanelHandler::getDescendantTypes(std::vector<Id>& _return, Id typeId)
+{
+    run("getDescendantTypes", [&] {
+        TypeFacts facts;
+        std::vector<unsigned int> types;
+        EGW_BASIC_THRIFT_GetAllChildrenElementType(types, facts.elementType(typeId));
+        _return = widened(types);
+    });
+}
+
+// ---- States -------------------------------------------------------------------------------------
+
+PanelHandler::Id PanelHandler::getState(Uuid uuid, Id groupId)
+{
+    return run("getState", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        UINT32 value = 0;
+        EGW_ELementServerGetStateValueByUuid(value, s.uuid, facts.stateGroup(s, groupId), client());
+        return Id{value};
+    });
+}
+
+void PanelHandler::getStates(std::vector<rpc::StateValue>& _return, Uuid uuid)
+{
+    run("getStates", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        for (const unsigned int group : facts.stateGroups(s.type))
+        {
+            UINT32 value = 0;
+            EGW_ELementServerGetStateValueByUuid(value, s.uuid, group, client());
+            rpc::StateValue state;
+            state.groupId = group;
+            state.value = value;
+            _return.push_back(state);
+        }
+    });
+}
+
+void PanelHandler::setState(Uuid uuid, Id groupId, Id value)
+{
+    run("setState", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 group = facts.stateGroup(s, groupId);
+        const UINT32 state = facts.stateValue(group, value);
+        refused(EGW_ELementServerSetStateValueByUuid(state, s.uuid, group, client()) == TRUE,
+                "state " + hex(state) + " of group " + hex(group) + " for " + elementText(s));
+    });
+}
+
+void PanelHandler::resetToDefaultStates(Uuid uuid)
+{
+    run("resetToDefaultStates", [&] {
+        TypeFacts facts;
+        EGW_SetOneElementToDefaultStates(facts.element(uuid).uuid);
+    });
+}
+
+// ---- Relations ----------------------------------------------------------------------------------
+
+void PanelHandler::getRelations(std::vector<Uuid>& _return, Uuid uuid, Id relationType,
+                                bool forward)
+{
+    run("getRelations", [&] {
+        TypeFacts facts;
+        const UINT32 element = facts.element(uuid).uuid;
+        std::vector<int> related;
+        EGW_ElementServerGetReferenceRelations(
+            related, element, idOf(IdKind::Relation, relationType, "relationType"), forward ? 1 : 0,
+            client());
+        _return = widened(related);
+    });
+}
+
+void PanelHandler::getVisibleRelations(std::vector<Uuid>& _return, Uuid uuid, Id relationType,
+                                       bool forward)
+{
+    run("getVisibleRelations", [&] {
+        TypeFacts facts;
+        const UINT32 element = facts.element(uuid).uuid;
+        std::vector<int> related;
+        EGW_BASIC_THRIFT_GetVisibleRelationElementList(
+            element, idOf(IdKind::Relation, relationType, "relationType"), forward ? 1 : 0, related,
+            client());
+        _return = widened(related);
+    });
+}
+
+void PanelHandler::addRelation(Uuid holder, Uuid target, Id relationType)
+{
+    run("addRelation", [&] {
+        TypeFacts facts;
+        const Subject from = facts.element(holder, "holder");
+        const Subject to = facts.element(target, "target");
+        const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
+        refused(EGW_ELementServerAddReferenceRelation(static_cast<int>(from.uuid),
+                                                      static_cast<int>(to.uuid), type,
+                                                      client()) == TRUE,
+                "relation " + hex(type) + " from element " + std::to_string(from.uuid) +
+                    " to element " + std::to_string(to.uuid));
+    });
+}
+
+void PanelHandler::deleteRelation(Uuid holder, Uuid target, Id relationType)
+{
+    run("deleteRelation", [&] {
+        TypeFacts facts;
+        const Subject from = facts.element(holder, "holder");
+        const Subject to = facts.element(target, "target");
+        const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
+        refused(EGW_ELementServerDelReferenceRelation(static_cast<int>(from.uuid),
+                                                      static_cast<int>(to.uuid), type,
+                                                      client()) == TRUE,
+                "the removal of relation " + hex(type) + " from element " +
+                    std::to_string(from.uuid) + " to element " + std::to_string(to.uuid));
+    });
+}
+
+// ---- Commands -----------------------------------------------------------------------------------
+
+void PanelHandler::executeCommand(Uuid uuid, Id commandId, Uuid source,
+                                  const std::string& parameters)
+{
+    run("executeCommand", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 command = facts.command(s, commandId);
+        const UINT32 from = sourceElement(facts, source);
+        const UINT16 size = byteCount(parameters, "parameters", true);
+        const INT32 status = EGW_ElementServerExecuteCommand(
+            s.uuid, command, from, size == 0 ? nullptr : parameters.data(), size, client());
+        refused(status == 0, "command " + hex(command) + " for " + elementText(s) + " (status " +
+                                 std::to_string(status) + ")");
+    });
+}
+
+void PanelHandler::broadcastCommand(Uuid uuid, Id commandId, Uuid source, Id relationType,
+                                    bool forward, bool includeSelf)
+{
+    run("broadcastCommand", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const UINT32 command = idOf(IdKind::Command, commandId, "commandId");
+        const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
+        const UINT32 from = sourceElement(facts, source);
+        // The library reports an element that refuses the command as a broken invariant, so every
+        // element the broadcast reaches is checked first, under the lock that keeps them there.
+        const TreeLock lock(client());
+        std::vector<int> related;
+        EGW_ElementServerGetReferenceRelations(related, s.uuid, type, forward ? 1 : 0, client());
+        if (includeSelf)
+        {
+            related.push_back(static_cast<int>(s.uuid));
+        }
+        for (const int other : related)
+        {
+            facts.command(facts.element(static_cast<UINT32>(other), "related element"), command);
+        }
+        refused(EGW_BroadcastCommandToRelationship(s.uuid, command, from, type, forward ? 1 : 0,
+                                                   includeSelf ? 1 : 0, client()) == TRUE,
+                "the broadcast of command " + hex(command) + " from " + elementText(s));
+    });
+}
+
+// ---- Element lifecycle --------------------------------------------------------------------------
+
+PanelHandler::Uuid PanelHandler::addElement(Uuid parent, Id typeId, bool validate)
+{
+    return run("addElement", [&] {
+        TypeFacts facts;
+        const UINT32 type = facts.elementType(typeId);
+        if (parent == 0)
+        {
+            if (EGW_ELementServerGetTreeRoot(client()) != 0)
+            {
+                refuse(ErrorCode::BAD_ARGUMENT, "parent 0 adds the tree root, and the tree has one");
+            }
+        }
+        else
+        {
+            const Subject p = facts.element(parent, "parent");
+            std::vector<EGW_RelationDef_Thrift> relations;
+            EGW_ELementServerGetRelationList(p.type, relations);
+            const bool allowed = std::any_of(
+                relations.begin(), relations.end(), [&](const EGW_RelationDef_Thrift& r) {
+                    return r.RelationKind == 0 && (r.RelatedTypeID & 0xFFFFu) == (type & 0xFFFFu);
+                });
+            if (!allowed)
+            {
+                refuse(ErrorCode::NOT_DEFINED, "type " + hex(type) + " may not be placed below " +
+                                                   elementText(p));
+            }
+        }
+        const UINT32 added = EGW_ELementServerAddElementByType(static_cast<UINT32>(parent), type,
+                                                               validate, client());
+        refused(added != 0, "a new element of type " + hex(type));
+        return Uuid{added};
+    });
+}
+
+void PanelHandler::deleteElement(Uuid uuid)
+{
+    run("deleteElement", [&] {
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        const INT32 status = EGW_ELementServerDeleteElementByUuid(s.uuid, client());
+        refused(status == 0, "the deletion of " + elementText(s) + " (status " +
+                                 std::to_string(status) + ")");
+    });
+}
+
+std::int64_t PanelHandler::deleteElementWaited(Uuid root,
+                                               const std::vector<rpc::StateChange>& changes,
+                                               std::int32_t mode)
+{
+    return run("deleteElementWaited", [&] {
+        if (mode < 0 || mode > 2)
+        {
+            refuse(ErrorCode::BAD_ARGUMENT,
+                   "mode " + std::to_string(mode) +
+                       ": 0 applies the changes, 1 resets the root's states, 2 every element's");
+        }
+        const TreeLock lock(client());
+        TypeFacts facts;
+        const Subject s = facts.element(root, "root");
+        std::vector<S_EGW_DELETE_ELEMENT_CHANGE_STATE_LIST> list;
+        for (const rpc::StateChange& change : changes)
+        {
+            const Subject target = facts.element(change.uuid, "changes.uuid");
+            const UINT32 group = facts.stateGroup(target, change.groupId);
+            list.push_back({target.uuid, group, facts.stateValue(group, change.value)});
+        }
+        return std::int64_t{EGW_ELementServerDeleteElementWaitNotifyByUuid(
+            s.uuid, list, static_cast<UINT32>(mode))};
+    });
+}
+
+std::int64_t PanelHandler::assignGuid(Uuid uuid)
+{
+    return run("assignGuid", [&] {
+        // The counter is read and written back in separate steps: one session at a time.
+        const TreeLock lock(client());
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        requireGuidProperties(facts, s, client());
+        EGW_ELementServerManagerElementGUID(s.uuid, client());
+        UINT32 guid = 0;
+        EGW_ElementServerGetPropertyIntDataById(s.uuid, kGuidProperty, guid, client());
+        return std::int64_t{guid};
+    });
+}
+
+std::int64_t PanelHandler::validateElement(Uuid uuid)
+{
+    return run("validateElement", [&] {
+        const TreeLock lock(client());
+        TypeFacts facts;
+        const Subject s = facts.element(uuid);
+        requireGuidProperties(facts, s, client());
+        return std::int64_t{EGW_ELementServerValidateElementByUuid(s.uuid, client())};
+    });
+}
+
+// ---- Event detail, snapshot ---------------------------------------------------------------------
+
+void PanelHandler::getEventDetail(rpc::EventDetail& _return, Uuid uuid)
+{
+    run("getEventDetail", [&] {
+        TypeFacts facts;
+        const UINT32 element = facts.element(uuid).uuid;
+        ENENT_FIELD field{};
+        ENEventFormat format;
+        _return.category = format.GetEventDetails(element, field);
+        _return.selfId = field.SelfID;
+        _return.selfAddress = field.SelfAddress;
+        _return.parentId = field.ParentID;
+        _return.parentAddress = field.ParentAddress;
+        _return.deviceId = field.DeviceID;
+        _return.hasProxy = field.HasProxy;
+        _return.proxyId = field.ProxyID;
+        _return.proxyAddress = field.ProxyAddress;
+    });
+}
+
+void PanelHandler::snapshot(std::vector<rpc::ElementSnapshot>& _return, Uuid root,
+                            const std::vector<Id>& propertyIds, bool withStates)
+{
+    run("snapshot", [&] {
+        std::vector<UINT32> properties;
+        for (const Id id : propertyIds)
+        {
+            properties.push_back(idOf(IdKind::Property, id, "propertyIds"));
+            requireLevel(propertyLevel(properties.back()), "property " + hex(properties.back()));
+        }
+        const TreeLock lock(client());
+        TypeFacts facts;
+        const Subject top = elementOrRoot(facts, root, "root", client());
+        std::vector<unsigned int> elements;
+        EGW_BASIC_THRIFT_GetAllElementUuidByElementType(top.uuid, 0, elements, client());
+        _return.reserve(elements.size());
+        for (const unsigned int uuid : elements)
+        {
+            const Subject s = facts.element(uuid);
+            rpc::ElementSnapshot snap;
+            snap.uuid = uuid;
+            snap.parent = EGW_ELementServerGetParentUuid(uuid, client());
+            snap.typeId = s.type;
+            EGW_ElementServerGetIDStringOfElement(snap.idString, uuid, client());
+            const auto& defined = facts.properties(s.type);
+            for (const UINT32 property : properties)
+            {
+                const bool has = std::any_of(defined.begin(), defined.end(),
+                                             [&](const EGW_PropertyDef_Thrift& p) {
+                                                 return (p.PropertyID & 0xFFFFu) ==
+                                                        (property & 0xFFFFu);
+                                             });
+                if (has)
+                {
+                    rpc::PropertyResult result;
+                    result.uuid = uuid;
+                    result.propertyId = property;
+                    result.__set_value(read(s, property));
+                    snap.properties.push_back(std::move(result));
+                }
+            }
+            if (withStates)
+            {
+                for (const unsigned int group : facts.stateGroups(s.type))
+                {
+                    UINT32 value = 0;
+                    EGW_ELementServerGetStateValueByUuid(value, uuid, group, client());
+                    rpc::StateValue state;
+                    state.groupId = group;
+                    state.value = value;
+                    snap.states.push_back(state);
+                }
+            }
+            _return.push_back(std::move(snap));
+        }
+    });
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+
+void PanelHandler::subscribe(const rpc::Subscription& subscription)
+{
+    run("subscribe", [&] { core_.events().subscribe(events_, subscription, client()); });
+}
+
+void PanelHandler::unsubscribe(const rpc::Subscription& subscription)
+{
+    run("unsubscribe", [&] { core_.events().unsubscribe(events_, subscription, client()); });
+}
+
+void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max,
+                              std::int32_t timeoutMs)
+{
+    run("nextEvents", [&] {
+        if (max < 1 || max > kMostEvents)
+        {
+            refuse(ErrorCode::BAD_ARGUMENT, "max " + std::to_string(max) + " is not 1 to " +
+                                                std::to_string(kMostEvents));
+        }
+        if (timeoutMs < 0 || timeoutMs > kLongestPollMs)
+        {
+            refuse(ErrorCode::BAD_ARGUMENT, "timeoutMs " + std::to_string(timeoutMs) +
+                                                " is not 0 to " + std::to_string(kLongestPollMs));
+        }
+        _return = events_->take(static_cast<std::size_t>(max),
+                                std::chrono::milliseconds(timeoutMs));
+    });
+}
+
+void PanelHandler::getElementKeys(std::map<Uuid, std::string>& _return)
+{
+    run("getElementKeys", [&] { _return = core_.settings().elementKeys; });
+}
+
+} // namespace egwservice
