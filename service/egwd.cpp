@@ -61,6 +61,14 @@ private:
     std::thread waiter_;
 };
 
+// Every request is checked before the library is called, so a report here means a check is
+// missing: it is logged, without the library's source path, for the panel maker to see.
+void logReport(const char* expression, const char* function, const char*, int)
+{
+    std::cerr << "egwd: the library reported a broken precondition: " << expression << " in "
+              << function << std::endl;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -104,6 +112,7 @@ int main(int argc, char** argv)
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    EGW_SetAssertHandler(logReport);
     try
     {
         preparePanel(files, service);

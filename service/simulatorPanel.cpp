@@ -1,5 +1,6 @@
 // egwd on the panel simulator: the type library and the panel file loaded through the gateway,
 // and the events of the service's module taken from the simulator's queues.
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -87,6 +88,15 @@ void preparePanel(const PanelFiles& files, ServiceSettings& settings)
     {
         throw PanelRefused(error);
     }
+    // The library's level-2 detail lines quote the default passwords it reads; the service keeps
+    // them out of its log. Every other line goes to standard error as before.
+    panelsim::setLogSink([](int level, const std::string& module, const std::string& text) {
+        if (level != 2)
+        {
+            std::fprintf(stderr, "[%d] %s %s%s", level, module.c_str(), text.c_str(),
+                         !text.empty() && text.back() == '\n' ? "" : "\n");
+        }
+    });
     // The events of the service's module are delivered only while the dispatcher is open.
     EGW_ELementServerOpenEventDispatcher(nullptr);
     settings.host = "simulator";

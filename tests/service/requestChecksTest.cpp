@@ -1,0 +1,279 @@
+// Remote requests that the library must never see: each is refused by the service with its error
+// code and a message naming what is at fault, and no request reaches a precondition report.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "panelsim/panelsim.h"
+#include "tests/service/serviceFixture.h"
+
+namespace servicetest
+{
+namespace
+{
+
+using rpc::ErrorCode;
+
+constexpr std::int64_t kDetectorType = 0x70048;
+constexpr std::int64_t kAddress = 0x30004;         // 32-bit
+constexpr std::int64_t kLabel = 0x30002;           // byte string
+constexpr std::int64_t kAlarmThreshold = 0x30031;  // 8-bit
+constexpr std::int64_t kLastServiceDate = 0x30038; // date-time
+constexpr std::int64_t kFireAlarmGroup = 0x80001;
+constexpr std::int64_t kUnknownUuid = 999999;
+
+struct Refusal
+{
+    const char* name;
+    ErrorCode::type code;
+    const char* named; // the message names this
+    std::function<void(rpc::PanelServiceClient&, std::int64_t detector)> call;
+};
+
+class RequestChecks : public ServiceFixture
+{
+};
+
+TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
+{
+    auto admin = connectAt(4);
+    std::vector<rpc::Uuid> detectors;
+    (*admin)->collectSubtree(detectors, 0, kDetectorType);
+    ASSERT_FALSE(detectors.empty());
+    std::string text;
+    std::vector<rpc::Uuid> list;
+    rpc::PropertyValue value;
+    rpc::DateTime date;
+    const std::string tooLong(65536, 'x');
+
+    const std::vector<Refusal> refusals = {
+        {"unknown uuid", ErrorCode::NO_SUCH_ELEMENT, "uuid 999999",
+         [&](auto& c, auto) { c.getParent(kUnknownUuid); }},
+        {"uuid 0", ErrorCode::NO_SUCH_ELEMENT, "uuid 0", [&](auto& c, auto) { c.getIdString(text, 0); }},
+        {"negative uuid", ErrorCode::BAD_ARGUMENT, "uuid -5",
+         [&](auto& c, auto) { c.getChildren(list, -5); }},
+        {"uuid above 32 bits", ErrorCode::BAD_ARGUMENT, "uuid 4294967296",
+         [&](auto& c, auto) { c.getElementType(4294967296ll); }},
+        {"type id as property id", ErrorCode::WRONG_CATEGORY, "propertyId 0x70048",
+         [&](auto& c, auto d) { c.readProperty(value, d, kDetectorType); }},
+        {"property id as type id", ErrorCode::WRONG_CATEGORY, "typeId 0x30004",
+         [&](auto& c, auto) { c.collectSubtree(list, 0, kAddress); }},
+        {"property of another type", ErrorCode::NOT_DEFINED, "property 0x30006",
+         [&](auto& c, auto d) { c.getBool(d, 0x30006); }},
+        {"property id 0x30000", ErrorCode::BAD_ARGUMENT, "names no property",
+         [&](auto& c, auto d) { c.getInteger(d, 0x30000); }},
+        {"8-bit value 256", ErrorCode::VALUE_OUT_OF_RANGE, "0x30031",
+         [&](auto& c, auto d) { c.setInteger(d, kAlarmThreshold, 256); }},
+        {"8-bit value -1", ErrorCode::VALUE_OUT_OF_RANGE, "0x30031",
+         [&](auto& c, auto d) { c.setInteger(d, kAlarmThreshold, -1); }},
+        {"32-bit value 2^32", ErrorCode::VALUE_OUT_OF_RANGE, "0x30004",
+         [&](auto& c, auto d) { c.setInteger(d, kAddress, 4294967296ll); }},
+        {"integer into a string", ErrorCode::BAD_ARGUMENT, "storage type 12",
+         [&](auto& c, auto d) { c.setInteger(d, kLabel, 1); }},
+        {"truth into an integer", ErrorCode::BAD_ARGUMENT, "storage type 6",
+         [&](auto& c, auto d) { c.setBool(d, kAddress, true); }},
+        {"empty byte string", ErrorCode::BAD_ARGUMENT, "value holds 0 bytes",
+         [&](auto& c, auto d) { c.setBytes(d, kLabel, ""); }},
+        {"oversized byte string", ErrorCode::BAD_ARGUMENT, "value holds 65536 bytes",
+         [&](auto& c, auto d) { c.setBytes(d, kLabel, tooLong); }},
+        {"date-time month 256", ErrorCode::VALUE_OUT_OF_RANGE, "value.month",
+         [&](auto& c, auto d) {
+             rpc::DateTime bad;
+             bad.month = 256;
+             c.setDateTime(d, kLastServiceDate, bad);
+         }},
+        {"date-time of a string", ErrorCode::BAD_ARGUMENT, "date-time",
+         [&](auto& c, auto d) { c.getDateTime(date, d, kLabel); }},
+        {"empty search value", ErrorCode::BAD_ARGUMENT, "value holds 0 bytes",
+         [&](auto& c, auto) { c.findElementByProperty(0, kLabel, "", false); }},
+        {"search type 0", ErrorCode::WRONG_CATEGORY, "typeId 0x0",
+         [&](auto& c, auto) { c.findElementByType(0, 0, false); }},
+        {"empty batch", ErrorCode::BAD_ARGUMENT, "refs is empty",
+         [&](auto& c, auto) {
+             std::vector<rpc::PropertyResult> out;
+             c.readProperties(out, {});
+         }},
+        {"empty address list", ErrorCode::BAD_ARGUMENT, "records is empty",
+         [&](auto& c, auto) { c.formatAddressList(text, {}); }},
+        {"address data type 12", ErrorCode::BAD_ARGUMENT, "dataType 12",
+         [&](auto& c, auto) {
+             rpc::AddressRecord record;
+             record.data = 1;
+             record.dataType = 12;
+             c.formatAddressList(text, {record});
+         }},
+        {"state group of another type", ErrorCode::NOT_DEFINED, "state group 0x80007",
+         [&](auto& c, auto d) { c.getState(d, 0x80007); }},
+        {"state value outside the group", ErrorCode::NOT_DEFINED, "0x60008",
+         [&](auto& c, auto d) { c.setState(d, kFireAlarmGroup, 0x60008); }},
+        {"group id as state value", ErrorCode::WRONG_CATEGORY, "value 0x80001",
+         [&](auto& c, auto d) { c.setState(d, kFireAlarmGroup, kFireAlarmGroup); }},
+        {"command of another type", ErrorCode::NOT_DEFINED, "command 0x14004",
+         [&](auto& c, auto d) { c.executeCommand(d, 0x14004, 0, ""); }},
+        {"unknown command source", ErrorCode::NO_SUCH_ELEMENT, "source 999999",
+         [&](auto& c, auto d) { c.executeCommand(d, 0x14001, kUnknownUuid, ""); }},
+        {"oversized command parameters", ErrorCode::BAD_ARGUMENT, "parameters holds 65536",
+         [&](auto& c, auto d) { c.executeCommand(d, 0x14001, 0, tooLong); }},
+        {"broadcast over relation 0", ErrorCode::WRONG_CATEGORY, "relationType 0x0",
+         [&](auto& c, auto d) { c.broadcastCommand(d, 0x14001, 0, 0, true, false); }},
+        {"relation to an unknown element", ErrorCode::NO_SUCH_ELEMENT, "target 999999",
+         [&](auto& c, auto d) { c.addRelation(d, kUnknownUuid, 0x20001); }},
+        {"second root", ErrorCode::BAD_ARGUMENT, "parent 0",
+         [&](auto& c, auto) { c.addElement(0, kDetectorType, false); }},
+        {"type not allowed below the parent", ErrorCode::NOT_DEFINED, "may not be placed",
+         [&](auto& c, auto d) { c.addElement(d, kDetectorType, false); }},
+        {"unknown element type", ErrorCode::NOT_DEFINED, "typeId 0x7FFFF",
+         [&](auto& c, auto) {
+             rpc::TypeInfo info;
+             c.getTypeInfo(info, 0x7FFFF);
+         }},
+        {"waited delete mode 3", ErrorCode::BAD_ARGUMENT, "mode 3",
+         [&](auto& c, auto d) { c.deleteElementWaited(d, {}, 3); }},
+        {"unique element of type 0", ErrorCode::BAD_ARGUMENT, "typeNumber 0",
+         [&](auto& c, auto) { c.getUniqueElement(0); }},
+        {"unique element without a chain", ErrorCode::NOT_DEFINED, "0x48",
+         [&](auto& c, auto) { c.getUniqueElement(0x48); }},
+        {"state values of a property id", ErrorCode::WRONG_CATEGORY, "groupId 0x30004",
+         [&](auto& c, auto) {
+             std::vector<rpc::Id> values;
+             c.getStateValues(values, kAddress);
+         }},
+        {"subscription without values", ErrorCode::BAD_ARGUMENT, "values is empty",
+         [&](auto& c, auto) {
+             rpc::Subscription s;
+             s.kind = rpc::SubscriptionKind::STATE_CHANGES_BY_VALUE;
+             s.target = kDetectorType;
+             c.subscribe(s);
+         }},
+        {"subscription to event 0", ErrorCode::BAD_ARGUMENT, "eventId 0",
+         [&](auto& c, auto d) {
+             rpc::Subscription s;
+             s.kind = rpc::SubscriptionKind::BY_ELEMENT;
+             s.target = d;
+             c.subscribe(s);
+         }},
+        {"unknown subscription kind", ErrorCode::BAD_ARGUMENT, "kind 42",
+         [&](auto& c, auto) {
+             rpc::Subscription s;
+             s.kind = static_cast<rpc::SubscriptionKind::type>(42);
+             c.subscribe(s);
+         }},
+        {"poll for 0 events", ErrorCode::BAD_ARGUMENT, "max 0",
+         [&](auto& c, auto) {
+             std::vector<rpc::Event> events;
+             c.nextEvents(events, 0, 0);
+         }},
+        {"poll for an hour", ErrorCode::BAD_ARGUMENT, "timeoutMs 3600000",
+         [&](auto& c, auto) {
+             std::vector<rpc::Event> events;
+             c.nextEvents(events, 1, 3600000);
+         }},
+        {"login at level 5", ErrorCode::BAD_ARGUMENT, "level 5",
+         [&](auto& c, auto) {
+             rpc::SessionInfo session;
+             c.login(session, 5, "4444");
+         }},
+    };
+
+    for (const Refusal& refusal : refusals)
+    {
+        SCOPED_TRACE(refusal.name);
+        try
+        {
+            refusal.call(*admin->operator->(), detectors.front());
+            ADD_FAILURE() << "accepted";
+        }
+        catch (const rpc::PanelError& error)
+        {
+            EXPECT_EQ(error.code, refusal.code) << error.message;
+            EXPECT_NE(error.message.find(refusal.named), std::string::npos) << error.message;
+        }
+    }
+    EXPECT_EQ(reports(), 0) << "a request reached a precondition report of the library";
+    // The connection survived every refusal.
+    EXPECT_EQ((*admin)->echo(7), 7);
+}
+
+// A batch answers every pair: the refused ones with their error, the others with their value.
+TEST_F(RequestChecks, BatchedReadsKeepGoingPastRefusedPairs)
+{
+    auto client = connect();
+    std::vector<rpc::Uuid> detectors;
+    (*client)->collectSubtree(detectors, 0, kDetectorType);
+    std::vector<rpc::PropertyRef> refs(3);
+    refs[0].uuid = detectors.front();
+    refs[0].propertyId = kAddress;
+    refs[1].uuid = kUnknownUuid;
+    refs[1].propertyId = kAddress;
+    refs[2].uuid = detectors.front();
+    refs[2].propertyId = kLabel;
+    std::vector<rpc::PropertyResult> results;
+    (*client)->readProperties(results, refs);
+    ASSERT_EQ(results.size(), 3u);
+    EXPECT_EQ(results[0].value.integer, (*client)->getInteger(detectors.front(), kAddress));
+    EXPECT_TRUE(results[1].__isset.error);
+    EXPECT_EQ(results[1].error.code, ErrorCode::NO_SUCH_ELEMENT);
+    std::string label;
+    (*client)->getBytes(label, detectors.front(), kLabel);
+    EXPECT_EQ(results[2].value.bytes, label);
+}
+
+// The passwords are read and written at level 4 only, however they are asked for.
+TEST_F(RequestChecks, PasswordsStayBelowLevelFour)
+{
+    auto operatorClient = connectAt(3);
+    std::vector<rpc::PropertyDefault> defaults;
+    (*operatorClient)->getPropertyDefaults(defaults, 0x70007);
+    int hidden = 0;
+    for (const rpc::PropertyDefault& d : defaults)
+    {
+        const auto id = d.definition.propertyId;
+        if (id == 0x30010 || id == 0x30011 || id == 0x3000C || id == 0x301F0)
+        {
+            EXPECT_TRUE(d.defaultText.empty()) << std::hex << id;
+            ++hidden;
+        }
+    }
+    EXPECT_EQ(hidden, 4);
+    try
+    {
+        (*operatorClient)->findElementByProperty(0, 0x30010, "2222", false);
+        ADD_FAILURE() << "a search by password was allowed at level 3";
+    }
+    catch (const rpc::PanelError& error)
+    {
+        EXPECT_EQ(error.code, ErrorCode::ACCESS_DENIED);
+        EXPECT_EQ(error.requiredLevel, 4);
+    }
+
+    auto admin = connectAt(4);
+    (*admin)->getPropertyDefaults(defaults, 0x70007);
+    std::string level2;
+    for (const rpc::PropertyDefault& d : defaults)
+    {
+        level2 = d.definition.propertyId == 0x30010 ? d.defaultText : level2;
+    }
+    EXPECT_EQ(level2, "2222");
+}
+
+TEST_F(RequestChecks, LoginRaisesAndLogoutDropsTheLevel)
+{
+    auto client = connect();
+    rpc::SessionInfo session;
+    (*client)->getSession(session);
+    EXPECT_EQ(session.accessLevel, 1);
+    EXPECT_THROW((*client)->login(session, 2, "2223"), rpc::PanelError);
+    EXPECT_THROW((*client)->login(session, 2, "22222"), rpc::PanelError);
+    (*client)->getSession(session);
+    EXPECT_EQ(session.accessLevel, 1);
+    // Level 3 opens with either of its two passwords; the default with a byte-order mark counts
+    // without it.
+    (*client)->login(session, 3, "3131");
+    EXPECT_EQ(session.accessLevel, 3);
+    (*client)->logout(session);
+    EXPECT_EQ(session.accessLevel, 1);
+    EXPECT_EQ(reports(), 0);
+}
+
+} // namespace
+} // namespace servicetest
