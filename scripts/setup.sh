@@ -8,7 +8,8 @@ set -euo pipefail
 
 packages=(build-essential cmake ninja-build g++ clang clang-14 libclang-rt-14-dev ccache pkg-config
           binutils file dpkg-dev python3
-          googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev)
+          googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev
+          libthrift-dev thrift-compiler python3-thrift libboost-dev)
 for group in "$@"; do
     case "$group" in
         cross) packages+=(g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user) ;;
