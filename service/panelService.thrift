@@ -193,8 +193,10 @@ enum SubscriptionKind {
   DELETED_BY_ELEMENT = 9       // the waited delete's notifications, by element
 }
 
+// kind is one of SubscriptionKind, carried as a plain number so that a value the service does not
+// know is refused as such.
 struct Subscription {
-  1: SubscriptionKind kind,
+  1: i32 kind,
   2: Id target,                      // the type id, or the uuid for BY_ELEMENT and DELETED_BY_ELEMENT
   3: i64 eventId,                    // BY_TYPE and BY_ELEMENT
   4: list<Id> values,                // STATE_CHANGES_BY_VALUE

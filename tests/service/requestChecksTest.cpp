@@ -155,7 +155,7 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
         {"unknown subscription kind", ErrorCode::BAD_ARGUMENT, "kind 42",
          [&](auto& c, auto) {
              rpc::Subscription s;
-             s.kind = static_cast<rpc::SubscriptionKind::type>(42);
+             s.kind = 42;
              c.subscribe(s);
          }},
         {"poll for 0 events", ErrorCode::BAD_ARGUMENT, "max 0",
