@@ -1,5 +1,7 @@
 #include "service/eventHub.h"
 
+#include <algorithm>
+
 #include "elementGateway.h"
 #include "service/requestChecks.h"
 
@@ -14,6 +16,7 @@ constexpr UINT32 kPropertyChangeEvent = 0x03020000;
 constexpr UINT32 kDeletedFirstEvent = 0xF0010000;
 constexpr UINT32 kDeletedSecondEvent = 0xF0020000;
 constexpr auto kPumpWait = std::chrono::milliseconds(50);
+constexpr int kTypeLookups = 3;
 
 std::int64_t nowMs()
 {
@@ -386,13 +389,21 @@ void EventHub::releaseLocked(const EventFilter& filter, int count, void* client)
     }
     held_.erase(held);
     // An element deleted meanwhile took its subscriptions with it; the refusal is expected then.
-    if (filter.byType)
+    // A host failure leaves the module subscribed to an event that no session follows, which
+    // deliver() passes over; it must not stop a closing session (this runs in its destructor).
+    try
     {
-        EGW_ElementServerUnSubscribeByType(module_, filter.target, filter.eventId, client);
+        if (filter.byType)
+        {
+            EGW_ElementServerUnSubscribeByType(module_, filter.target, filter.eventId, client);
+        }
+        else if (EGW_ElementServerGetElementTypeByUuid(filter.target, client) != 0)
+        {
+            EGW_ElementServerUnSubscribeByElement(module_, filter.target, filter.eventId, client);
+        }
     }
-    else if (EGW_ElementServerGetElementTypeByUuid(filter.target, client) != 0)
+    catch (const std::exception&)
     {
-        EGW_ElementServerUnSubscribeByElement(module_, filter.target, filter.eventId, client);
     }
 }
 
@@ -480,8 +491,22 @@ void EventHub::pump()
 
 void EventHub::deliver(const RawEvent& raw)
 {
-    UINT32 type = EGW_ElementServerGetElementTypeByUuid(raw.uuid, nullptr);
+    // Without the element's type, by-type subscriptions cannot be matched: the host failed (it
+    // is asked again, a failure may pass), or the element is gone. The event still reaches the
+    // sessions that follow the element itself.
+    UINT32 type = 0;
+    for (int attempt = 0; attempt < kTypeLookups && type == 0; ++attempt)
+    {
+        try
+        {
+            type = EGW_ElementServerGetElementTypeByUuid(raw.uuid, nullptr);
+        }
+        catch (const std::exception&)
+        {
+        }
+    }
     std::vector<std::shared_ptr<SessionQueue>> recipients;
+    std::vector<std::shared_ptr<SessionQueue>> unsure;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         // After its deletion an element has no type; the announcement before it told it, and is
@@ -505,14 +530,27 @@ void EventHub::deliver(const RawEvent& raw)
         for (auto& session : sessions_)
         {
             const auto& filters = session.second.filters;
-            if (filters.count(byElement) != 0 || (type != 0 && filters.count(byType) != 0))
+            const bool wanted =
+                filters.count(byElement) != 0 || (type != 0 && filters.count(byType) != 0);
+            // A session that follows this event id by some type may have wanted it: it is told
+            // that an event was lost rather than left to believe that none came. (The second
+            // notification of a deletion comes for an element that is gone by design.)
+            const bool maybe = !wanted && type == 0 && raw.eventId != kDeletedSecondEvent &&
+                               std::any_of(filters.begin(), filters.end(), [&](const auto& held) {
+                                   return held.first.byType && held.first.eventId == raw.eventId;
+                               });
+            if (wanted || maybe)
             {
                 if (auto queue = session.second.queue.lock())
                 {
-                    recipients.push_back(std::move(queue));
+                    (wanted ? recipients : unsure).push_back(std::move(queue));
                 }
             }
         }
+    }
+    for (const auto& queue : unsure)
+    {
+        queue->lose(1);
     }
     if (recipients.empty())
     {

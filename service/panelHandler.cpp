@@ -16,10 +16,13 @@ using rpc::ErrorCode;
 
 constexpr UINT32 kGuidProperty = 0x301A4;
 constexpr UINT32 kGuidCounterProperty = 0x301A6;
+// The event id of a property's change: this base with the property's number.
+constexpr UINT32 kPropertyChangeEvent = 0x03020000;
 // The number types that an address text may hold.
 constexpr UINT32 kAddressTextTypes = 0x980E0;
 constexpr std::int32_t kMostEvents = 10000;
 constexpr std::int32_t kLongestPollMs = 60000;
+constexpr int kUnlockAttempts = 100;
 
 std::string elementText(const Subject& subject)
 {
@@ -49,7 +52,24 @@ public:
             refuse(ErrorCode::REFUSED, "the element server's lock could not be taken");
         }
     }
-    ~TreeLock() { EGW_ElementServerUnlock(client_); }
+    // The tree stays held for every module of the panel until the unlock goes through, so a
+    // failed or throwing unlock is tried again; a destructor must not throw either.
+    ~TreeLock()
+    {
+        for (int attempt = 0; attempt < kUnlockAttempts; ++attempt)
+        {
+            try
+            {
+                if (EGW_ElementServerUnlock(client_) == 0)
+                {
+                    return;
+                }
+            }
+            catch (const std::exception&)
+            {
+            }
+        }
+    }
     TreeLock(const TreeLock&) = delete;
     TreeLock& operator=(const TreeLock&) = delete;
 
@@ -429,7 +449,12 @@ UINT32 PanelHandler::allowedProperty(TypeFacts& facts, const Subject& subject,
                                      Id propertyId) const
 {
     const UINT32 property = facts.property(subject, propertyId);
-    requireLevel(propertyLevel(property), "property " + hex(property));
+    // The refusal's text is made only for a refusal: a batched read checks every pair here.
+    const int level = propertyLevel(property);
+    if (level == 0 || level_ < level)
+    {
+        requireLevel(level, "property " + hex(property));
+    }
     return property;
 }
 
@@ -776,7 +801,10 @@ std::int64_t PanelHandler::getDefaultInteger(Id typeId, Id propertyId)
             refuse(ErrorCode::NOT_DEFINED, "type " + hex(type) + " has no default for property " +
                                                hex(property));
         }
-        return std::int64_t{static_cast<std::int32_t>(value)};
+        // Shown as getInteger shows a stored value of the property's width.
+        return storageOf(EGW_ElementServerGetPropertyTypeById(property)) == Storage::Integer16
+                   ? std::int64_t{static_cast<std::int16_t>(value)}
+                   : std::int64_t{value};
     });
 }
 
@@ -1193,6 +1221,15 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
         }
         _return = events_->take(static_cast<std::size_t>(max),
                                 std::chrono::milliseconds(timeoutMs));
+        // A property-change event carries the new value: a password's goes to level 4 only.
+        for (rpc::Event& event : _return)
+        {
+            const auto id = static_cast<UINT32>(event.eventId);
+            if ((id & 0xFFFF0000u) == kPropertyChangeEvent && propertyLevel(id) > level_)
+            {
+                event.data.clear();
+            }
+        }
     });
 }
 
