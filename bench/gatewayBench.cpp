@@ -296,26 +296,36 @@ void registerSubtree()
 
 // ---- Further figures ----------------------------------------------------------------------------
 
-// A type library of one element type with `groups` state groups of two values each: the sample
-// library's types have at most four.
-std::string libraryWithStateGroups(unsigned groups)
+// A type library of the state groups 1 to `groups` (two values each) and the element types of
+// `types`, each (type id, n) with the groups 1 to n: the sample library's types have at most four.
+std::string libraryWithStateGroups(unsigned groups,
+                                   const std::vector<std::pair<UINT32, unsigned>>& types)
 {
+    const auto groupId = [](unsigned g) {
+        return "\"0x8" + std::to_string(10000 + g).substr(1) + "\"";
+    };
     std::string text = R"({"stateValues": [{"id": "0x60001"}, {"id": "0x60002"}], "stateGroups": [)";
-    std::string list;
     for (unsigned g = 1; g <= groups; ++g)
+        text += std::string(g > 1 ? ", " : "") + R"({"id": )" + groupId(g) +
+                R"(, "values": ["0x60001", "0x60002"]})";
+    text += R"(], "types": [)";
+    for (std::size_t t = 0; t < types.size(); ++t)
     {
-        const std::string id = "\"0x8" + std::to_string(10000 + g).substr(1) + "\"";
-        text += std::string(g > 1 ? ", " : "") + R"({"id": )" + id + R"(, "values": ["0x60001", "0x60002"]})";
-        list += std::string(g > 1 ? ", " : "") + id;
+        text += std::string(t > 0 ? ", " : "") + R"({"id": )" + std::to_string(types[t].first) +
+                R"(, "stateGroups": [)";
+        for (unsigned g = 1; g <= types[t].second; ++g)
+            text += std::string(g > 1 ? ", " : "") + groupId(g);
+        text += "]}";
     }
-    return text + R"(], "types": [{"id": "0x70500", "stateGroups": [)" + list + "]}]}";
+    return text + "]}";
 }
 
 void BulkSubscription(benchmark::State& state)
 {
     const auto groups = static_cast<unsigned>(state.range(0));
     std::string error;
-    if (!panelsim::loadTypeLibraryText(libraryWithStateGroups(groups), "bench", error))
+    if (!panelsim::loadTypeLibraryText(libraryWithStateGroups(groups, {{0x70500, groups}}), "bench",
+                                      error))
     {
         state.SkipWithError(error.c_str());
         return;
@@ -465,6 +475,40 @@ double pairedRatio(const std::function<void()>& a, const std::function<void()>& 
     return median(ratios);
 }
 
+// Time per state group of a bulk subscription of 512 groups against one of 64, measured in
+// alternating rounds on a library that holds both types (0x70500: groups 1 to 512, 0x70564: 1 to
+// 64); only the subscriptions are timed, ending them is not.
+double bulkSubscriptionGrowth()
+{
+    const std::string text = libraryWithStateGroups(512, {{0x70500, 512}, {0x70564, 64}});
+    std::string error;
+    if (!panelsim::loadTypeLibraryText(text, "bench", error))
+    {
+        std::fprintf(stderr, "bulk subscription library: %s\n", error.c_str());
+        return 0;
+    }
+    panelsim::reset();
+    std::vector<double> ratios;
+    for (int round = 0; round < 101; ++round)
+    {
+        double time[2] = {0, 0};
+        for (int side = 0; side < 2; ++side)
+        {
+            const UINT32 type = side == 0 ? 0x70564 : 0x70500;
+            for (int repeat = 0; repeat < 4; ++repeat)
+            {
+                const double start = threadNanoseconds();
+                EGW_BASIC_THRIFT_SubscribeAllStateChange(21, type, nullptr);
+                time[side] += threadNanoseconds() - start;
+                panelsim::reset();
+            }
+        }
+        ratios.push_back((time[1] / 512) / (time[0] / 64));
+    }
+    panelsim::loadSampleTypeLibrary();
+    return median(ratios);
+}
+
 void printFigure(const std::string& figure, double value, double goal)
 {
     if (goal == 0)
@@ -509,6 +553,10 @@ void printRatios()
     };
     const double small = lookup(1000);
     printFigure("uuid lookup, 1,000,000 / 1,000 elements", lookup(1000000) / small, 1.2);
+    double bytesPerElement = 0;
+    lookupTree(1000000, bytesPerElement);
+    printFigure("simulator heap bytes per element, 1,000,000", bytesPerElement, 0);
+    printFigure("bulk subscription per group, 512 / 64 groups", bulkSubscriptionGrowth(), 1.5);
 }
 
 } // namespace

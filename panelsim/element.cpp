@@ -1,7 +1,9 @@
 // The host's value classes: Property, CTreeItem and Element. Every constructor and destructor
 // keeps the live-object counters; every operation enters through hostCall and then asks the
 // simulator.
+#include <algorithm>
 #include <atomic>
+#include <vector>
 
 #include "host/elementServer.h"
 #include "panelsim/hostCall.h"
@@ -14,6 +16,43 @@ namespace
 
 std::atomic<long> liveElementCount{0};
 std::atomic<long> livePropertyCount{0};
+std::atomic<long> outlivingPropertyCount{0};
+
+// Which Property object was taken from or written through which Element object, while both live.
+// Kept per thread: host objects are made and dropped within one call of the thread that made them.
+struct Link
+{
+    const Property* property;
+    const Element* element;
+};
+thread_local std::vector<Link> links;
+
+void link(const Property* property, const Element* element)
+{
+    if (std::none_of(links.begin(), links.end(),
+                     [&](const Link& l) { return l.property == property && l.element == element; }))
+        links.push_back({property, element});
+}
+
+// A copy of a property was taken from the same elements as the original.
+void copyLinks(const Property* original, const Property* copy)
+{
+    for (std::size_t i = 0, n = links.size(); i < n; ++i)
+    {
+        if (links[i].property == original)
+            links.push_back({copy, links[i].element});
+    }
+}
+
+template <typename Member, typename Object>
+std::size_t unlink(Member Link::*member, const Object* object)
+{
+    const auto end = std::remove_if(links.begin(), links.end(),
+                                    [&](const Link& l) { return l.*member == object; });
+    const auto count = static_cast<std::size_t>(links.end() - end);
+    links.erase(end, links.end());
+    return count;
+}
 
 Simulator& sim()
 {
@@ -43,6 +82,21 @@ long liveProperties()
     return livePropertyCount;
 }
 
+long propertiesOutlivingElements()
+{
+    return outlivingPropertyCount;
+}
+
+namespace detail
+{
+
+void resetReleaseOrder()
+{
+    outlivingPropertyCount = 0;
+}
+
+} // namespace detail
+
 } // namespace panelsim
 
 // ---- Property -----------------------------------------------------------------------------------
@@ -56,6 +110,7 @@ Property::Property(const Property& other)
     : m_id(other.m_id), m_hasValue(other.m_hasValue), m_bytes(other.m_bytes)
 {
     ++livePropertyCount;
+    copyLinks(&other, this);
 }
 
 Property& Property::operator=(const Property& other) = default;
@@ -63,6 +118,8 @@ Property& Property::operator=(const Property& other) = default;
 Property::~Property()
 {
     --livePropertyCount;
+    if (!links.empty())
+        unlink(&Link::property, this);
 }
 
 bool Property::IsEmpty()
@@ -123,6 +180,8 @@ Element& Element::operator=(const Element& other) = default;
 Element::~Element()
 {
     --liveElementCount;
+    if (!links.empty())
+        outlivingPropertyCount += static_cast<long>(unlink(&Link::element, this));
 }
 
 unsigned short Element::GetType()
@@ -133,6 +192,7 @@ unsigned short Element::GetType()
 Property Element::GetPropertyByPropertyID(unsigned short propertyId)
 {
     Property property(propertyId);
+    link(&property, this);
     if (hostCall("Element::GetPropertyByPropertyID", &m_uuid, [&] { return hex(propertyId); }) != 0)
         return property;
     bool hasValue = false;
@@ -147,6 +207,7 @@ Property Element::GetPropertyByPropertyID(unsigned short propertyId)
 
 int Element::SetProperty(Property& property, bool bSilent)
 {
+    link(&property, this);
     unsigned short id = 0;
     unsigned short size = 0;
     const void* data = nullptr;

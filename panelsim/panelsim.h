@@ -85,6 +85,10 @@ HOST_API unsigned long hostCallCount();
 // Element and Property objects alive right now, wherever they were made.
 HOST_API long liveElements();
 HOST_API long liveProperties();
+// Property objects that were still alive when the Element they were taken from
+// (GetPropertyByPropertyID) or written through (SetProperty) was destroyed, since the process
+// started (or the last reset). A holder of both lets go of the property first.
+HOST_API long propertiesOutlivingElements();
 
 // ---- Inspection ---------------------------------------------------------------------------------
 
@@ -110,6 +114,15 @@ HOST_API std::vector<Subscription> subscriptions();
 
 HOST_API bool isDispatcherOpen();
 HOST_API std::size_t elementCount();
+// Whether the element exists and is validated (Element::Validate, AddElement's bValidate).
+HOST_API bool isValidated(unsigned int uuid);
+
+// Adds a reference relation that the holder may already hold, as a panel's host can hold one
+// twice (ElementServer::AddReferenceRelation refuses that with 4). The relation queries then list
+// the target (the holder) once per relation; DeleteReferenceRelation removes them all. Returns the
+// status of AddReferenceRelation otherwise.
+HOST_API int addRelationAgain(unsigned int holder, unsigned int target,
+                              unsigned short relationType);
 
 // ---- Events -------------------------------------------------------------------------------------
 

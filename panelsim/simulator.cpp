@@ -29,12 +29,11 @@ std::string stateChangeRecord(unsigned uuid, unsigned group, unsigned value, uns
     return record;
 }
 
-template <typename Slot, typename Key>
-Slot* slotOf(std::vector<Slot>& slots, Key Slot::*key, Key wanted)
+std::string stateBytes(unsigned value)
 {
-    const auto found =
-        std::find_if(slots.begin(), slots.end(), [&](const Slot& s) { return s.*key == wanted; });
-    return found == slots.end() ? nullptr : &*found;
+    std::string bytes(sizeof value, '\0');
+    std::memcpy(&bytes[0], &value, sizeof value);
+    return bytes;
 }
 
 } // namespace
@@ -47,8 +46,7 @@ Simulator& Simulator::instance()
 
 Node* Simulator::find(unsigned uuid)
 {
-    const auto found = nodes_.find(uuid);
-    return found == nodes_.end() ? nullptr : &found->second;
+    return nodes_.find(uuid);
 }
 
 Simulator::Subject Simulator::subject(unsigned uuid)
@@ -128,11 +126,8 @@ unsigned Simulator::add(const unsigned* parent, unsigned short type, bool checkC
     if (error != kOk)
         return 0;
 
-    const unsigned uuid = nextUuid_++;
-    nodes_.emplace(uuid, Node{parent ? *parent : 0, type, validate, {}, {}, {}});
-    if (parentNode)
-        parentNode->children.push_back(uuid);
-    else
+    const unsigned uuid = nodes_.add(parent ? *parent : 0, type, validate);
+    if (!parentNode)
         root_ = uuid;
     return uuid;
 }
@@ -145,14 +140,10 @@ int Simulator::remove(unsigned uuid, bool childrenOnly)
         return kUnknownElement;
     if (childrenOnly)
     {
-        const std::vector<unsigned> children = std::move(node->children);
-        node->children.clear();
-        for (unsigned child : children)
+        for (unsigned child : children(uuid))
             eraseSubtree(child);
         return kOk;
     }
-    if (Node* parent = find(node->parent))
-        parent->children.erase(std::find(parent->children.begin(), parent->children.end(), uuid));
     if (root_ == uuid)
         root_ = 0;
     eraseSubtree(uuid);
@@ -176,28 +167,26 @@ int Simulator::removeAnnounced(unsigned uuid)
     return kOk;
 }
 
+// Erases the element with its subtree; the element is unlinked from its parent.
 void Simulator::eraseSubtree(unsigned uuid)
 {
-    std::vector<unsigned> pending{uuid};
-    std::unordered_set<unsigned> erased;
-    while (!pending.empty())
+    std::vector<unsigned> erased{uuid};
+    for (std::size_t i = 0; i < erased.size(); ++i)
     {
-        const unsigned current = pending.back();
-        pending.pop_back();
-        const auto found = nodes_.find(current);
-        if (found == nodes_.end())
-            continue;
-        pending.insert(pending.end(), found->second.children.begin(), found->second.children.end());
-        dropRelations(current);
-        nodes_.erase(found);
-        erased.insert(current);
+        for (unsigned child = find(erased[i])->firstChild; child != 0;
+             child = find(child)->nextSibling)
+            erased.push_back(child);
     }
-    subscriptions_.erase(std::remove_if(subscriptions_.begin(), subscriptions_.end(),
-                                        [&](const SubscriptionEntry& e) {
-                                            return !e.subscription.byType &&
-                                                   erased.count(e.subscription.typeOrUuid) != 0;
-                                        }),
-                         subscriptions_.end());
+    for (unsigned current : erased)
+    {
+        dropRelations(current);
+        nodes_.erase(current);
+    }
+    std::sort(erased.begin(), erased.end());
+    endSubscriptions([&](const SubscriptionEntry& e) {
+        return !e.subscription.byType &&
+               std::binary_search(erased.begin(), erased.end(), e.subscription.typeOrUuid);
+    });
 }
 
 unsigned short Simulator::type(unsigned uuid)
@@ -214,10 +203,13 @@ bool Simulator::property(unsigned uuid, unsigned short id, bool& hasValue, std::
     const int index = s.type ? s.type->propertyIndex(id) : -1;
     if (index < 0)
         return false;
-    const PropertySlot* slot = slotOf(s.node->properties, &PropertySlot::id, id);
     const auto& initial = s.type->initial[static_cast<std::size_t>(index)];
-    hasValue = slot || initial.has_value();
-    bytes = slot ? slot->bytes : initial.value_or(std::string());
+    hasValue = ValueRecords::find(s.node->values, ValueRecords::kProperty, id, bytes);
+    if (!hasValue)
+    {
+        hasValue = initial.has_value();
+        bytes = initial.value_or(std::string());
+    }
     return true;
 }
 
@@ -235,10 +227,7 @@ int Simulator::setProperty(unsigned uuid, unsigned short id, bool hasValue,
     bool hadValue = false;
     std::string previous;
     property(uuid, id, hadValue, previous);
-    if (PropertySlot* slot = slotOf(s.node->properties, &PropertySlot::id, id))
-        slot->bytes = bytes;
-    else
-        s.node->properties.push_back({id, bytes});
+    ValueRecords::put(s.node->values, ValueRecords::kProperty, id, bytes);
     if ((!hadValue || previous != bytes) && !silent)
         raise(uuid, s.node->type, kPropertyChangeEvent | id, 0, bytes);
     return kOk;
@@ -267,8 +256,11 @@ unsigned Simulator::parent(unsigned uuid, int& error)
 std::vector<unsigned> Simulator::children(unsigned uuid)
 {
     const Guard guard(mutex_);
+    std::vector<unsigned> list;
     const Node* node = find(uuid);
-    return node ? node->children : std::vector<unsigned>();
+    for (unsigned child = node ? node->firstChild : 0; child != 0; child = find(child)->nextSibling)
+        list.push_back(child);
+    return list;
 }
 
 // ---- States and commands ------------------------------------------------------------------------
@@ -280,8 +272,12 @@ unsigned Simulator::state(unsigned uuid, unsigned short group)
     const unsigned groupId = s.type ? s.type->stateGroup(group) : 0;
     if (groupId == 0)
         return 0;
-    const StateSlot* slot = slotOf(s.node->states, &StateSlot::group, group);
-    return slot ? slot->value : s.library->group(groupId)->defaultValue;
+    std::string bytes;
+    unsigned value = 0;
+    if (!ValueRecords::find(s.node->values, ValueRecords::kState, group, bytes))
+        return s.library->group(groupId)->defaultValue;
+    std::memcpy(&value, bytes.data(), sizeof value);
+    return value;
 }
 
 int Simulator::setState(unsigned uuid, unsigned short group, unsigned value, bool silent)
@@ -295,10 +291,7 @@ int Simulator::setState(unsigned uuid, unsigned short group, unsigned value, boo
     if (std::find(values.begin(), values.end(), value) == values.end())
         return kBadValue;
     const unsigned previous = state(uuid, group);
-    if (StateSlot* slot = slotOf(s.node->states, &StateSlot::group, group))
-        slot->value = value;
-    else
-        s.node->states.push_back({group, value});
+    ValueRecords::put(s.node->values, ValueRecords::kState, group, stateBytes(value));
     if (previous != value && !silent)
         raise(uuid, s.node->type, kStateChangeEvent | group, 0,
               stateChangeRecord(uuid, groupId, value, previous));
@@ -340,7 +333,8 @@ std::vector<unsigned> Simulator::related(unsigned uuid, unsigned short type, boo
     return list;
 }
 
-int Simulator::addRelation(unsigned holder, unsigned target, unsigned short type, bool replace)
+int Simulator::addRelation(unsigned holder, unsigned target, unsigned short type, bool replace,
+                           bool again)
 {
     const Guard guard(mutex_);
     if (!find(holder) || !find(target))
@@ -351,8 +345,9 @@ int Simulator::addRelation(unsigned holder, unsigned target, unsigned short type
             deleteRelation(holder, other, type, false);
     }
     std::vector<Relation>& held = forward_[holder];
-    if (std::any_of(held.begin(), held.end(),
-                    [&](const Relation& r) { return r.type == type && r.other == target; }))
+    if (!again && std::any_of(held.begin(), held.end(), [&](const Relation& r) {
+            return r.type == type && r.other == target;
+        }))
         return kConflict;
     held.push_back({type, target});
     backward_[target].push_back({type, holder});
@@ -413,15 +408,18 @@ void Simulator::dropRelations(unsigned uuid)
 
 // ---- Subscriptions and events -------------------------------------------------------------------
 
-std::vector<Simulator::SubscriptionEntry>::iterator
-Simulator::findSubscription(bool byType, unsigned typeOrUuid, unsigned eventId, unsigned pid)
+// Ends the subscriptions for which `ends` is true, in the list and in the index.
+template <typename Ends>
+void Simulator::endSubscriptions(Ends ends)
 {
-    return std::find_if(subscriptions_.begin(), subscriptions_.end(),
-                        [&](const SubscriptionEntry& e) {
-                            const Subscription& s = e.subscription;
-                            return s.byType == byType && s.typeOrUuid == typeOrUuid &&
-                                   s.eventId == eventId && s.pid == pid;
-                        });
+    subscriptions_.erase(std::remove_if(subscriptions_.begin(), subscriptions_.end(),
+                                        [&](const SubscriptionEntry& e) {
+                                            if (!ends(e))
+                                                return false;
+                                            subscriptionKeys_.erase(keyOf(e.subscription));
+                                            return true;
+                                        }),
+                         subscriptions_.end());
 }
 
 int Simulator::subscribe(bool byType, unsigned typeOrUuid, unsigned eventId, bool oneShot,
@@ -434,8 +432,9 @@ int Simulator::subscribe(bool byType, unsigned typeOrUuid, unsigned eventId, boo
         return kUnknownElement;
     if (!byType && logins_.count(pid) == 0)
         return kNotLoggedIn;
-    if (findSubscription(byType, typeOrUuid, eventId, pid) == subscriptions_.end())
-        subscriptions_.push_back({{byType, typeOrUuid, eventId, pid}, oneShot});
+    const Subscription subscription{byType, typeOrUuid, eventId, pid};
+    if (subscriptionKeys_.insert(keyOf(subscription)).second)
+        subscriptions_.push_back({subscription, oneShot});
     return kOk;
 }
 
@@ -444,10 +443,10 @@ int Simulator::unsubscribe(bool byType, unsigned typeOrUuid, unsigned eventId, u
     const Guard guard(mutex_);
     if (!byType && !find(typeOrUuid))
         return kUnknownElement;
-    const auto found = findSubscription(byType, typeOrUuid, eventId, pid);
-    if (found == subscriptions_.end())
+    const SubscriptionKey key(byType, typeOrUuid, eventId, pid);
+    if (subscriptionKeys_.count(key) == 0)
         return kConflict;
-    subscriptions_.erase(found);
+    endSubscriptions([&](const SubscriptionEntry& e) { return keyOf(e.subscription) == key; });
     return kOk;
 }
 
@@ -457,17 +456,14 @@ std::vector<unsigned> Simulator::takeRecipients(unsigned uuid, unsigned short ty
                                                 unsigned eventId)
 {
     std::vector<unsigned> pids;
-    subscriptions_.erase(
-        std::remove_if(subscriptions_.begin(), subscriptions_.end(),
-                       [&](const SubscriptionEntry& e) {
-                           const Subscription& s = e.subscription;
-                           if (s.eventId != eventId || s.typeOrUuid != (s.byType ? type : uuid))
-                               return false;
-                           if (std::find(pids.begin(), pids.end(), s.pid) == pids.end())
-                               pids.push_back(s.pid);
-                           return e.oneShot;
-                       }),
-        subscriptions_.end());
+    endSubscriptions([&](const SubscriptionEntry& e) {
+        const Subscription& s = e.subscription;
+        if (s.eventId != eventId || s.typeOrUuid != (s.byType ? type : uuid))
+            return false;
+        if (std::find(pids.begin(), pids.end(), s.pid) == pids.end())
+            pids.push_back(s.pid);
+        return e.oneShot;
+    });
     return pids;
 }
 
@@ -498,8 +494,10 @@ void Simulator::walk(const unsigned* start, bool childrenOnly, bool includeStart
     // is looked up again when its turn comes.
     std::vector<unsigned> pending;
     const auto pushChildren = [&](unsigned uuid) {
-        if (const Node* node = find(uuid))
-            pending.insert(pending.end(), node->children.rbegin(), node->children.rend());
+        const Node* node = find(uuid);
+        for (unsigned child = node ? node->lastChild : 0; child != 0;
+             child = find(child)->previousSibling)
+            pending.push_back(child);
     };
     bool skip = false;
     if (includeStart && (!visit(first, skip) || skip))
@@ -531,15 +529,14 @@ unsigned Simulator::findByTypeChain(const unsigned short* chain, int& error)
     }
     for (const unsigned short* wanted = chain + 1; *wanted != 0; ++wanted)
     {
-        const auto next =
-            std::find_if(node->children.begin(), node->children.end(),
-                         [&](unsigned child) { return find(child)->type == *wanted; });
-        if (next == node->children.end())
+        current = node->firstChild;
+        while (current != 0 && find(current)->type != *wanted)
+            current = find(current)->nextSibling;
+        if (current == 0)
         {
             error = kConflict;
             return 0;
         }
-        current = *next;
         node = find(current);
     }
     error = kOk;
@@ -556,6 +553,7 @@ void Simulator::reset()
     forward_.clear();
     backward_.clear();
     subscriptions_.clear();
+    subscriptionKeys_.clear();
     logins_.clear();
     dispatcherOpen_ = false;
     commands_.clear();
@@ -598,6 +596,13 @@ std::size_t Simulator::elementCount()
     return nodes_.size();
 }
 
+bool Simulator::validated(unsigned uuid)
+{
+    const Guard guard(mutex_);
+    const Node* node = find(uuid);
+    return node && node->validated;
+}
+
 } // namespace panelsim::detail
 
 // ---- Control interface --------------------------------------------------------------------------
@@ -611,6 +616,7 @@ void reset()
 {
     Simulator::instance().reset();
     detail::resetCalls();
+    detail::resetReleaseOrder();
     setLogSink(nullptr);
 }
 
@@ -642,6 +648,16 @@ bool isDispatcherOpen()
 std::size_t elementCount()
 {
     return Simulator::instance().elementCount();
+}
+
+bool isValidated(unsigned int uuid)
+{
+    return Simulator::instance().validated(uuid);
+}
+
+int addRelationAgain(unsigned int holder, unsigned int target, unsigned short relationType)
+{
+    return Simulator::instance().addRelation(holder, target, relationType, false, true);
 }
 
 } // namespace panelsim

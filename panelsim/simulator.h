@@ -6,11 +6,14 @@
 
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "panelsim/nodeStore.h"
 #include "panelsim/panelsim.h"
 #include "panelsim/typeLibraryModel.h"
 
@@ -32,31 +35,6 @@ enum Status : int
 
 constexpr unsigned kDeleteAnnouncedEvent = 0xF0010000u;
 constexpr unsigned kDeleteDoneEvent = 0xF0020000u;
-
-struct PropertySlot
-{
-    unsigned short id;
-    std::string bytes;
-};
-
-struct StateSlot
-{
-    unsigned short group;
-    unsigned value;
-};
-
-// One element. It holds only the values written since it was made; the others are its type's
-// defaults. Values are keyed by their 16-bit ids, so a node stays sound when another type library
-// is put in force.
-struct Node
-{
-    unsigned parent = 0;
-    unsigned short type = 0;
-    bool validated = false;
-    std::vector<unsigned> children;
-    std::vector<PropertySlot> properties;
-    std::vector<StateSlot> states;
-};
 
 // Visitor of a walk: returns false to end it; sets the bool to skip the children of the element.
 using WalkVisitor = std::function<bool(unsigned uuid, bool& skipChildren)>;
@@ -90,7 +68,9 @@ public:
                 unsigned short size, bool silent);
 
     std::vector<unsigned> related(unsigned uuid, unsigned short type, bool forward);
-    int addRelation(unsigned holder, unsigned target, unsigned short type, bool replace);
+    // With `again`, a relation the holder holds already is added once more.
+    int addRelation(unsigned holder, unsigned target, unsigned short type, bool replace,
+                    bool again = false);
     int deleteRelation(unsigned holder, unsigned target, unsigned short type, bool allOfType);
 
     int subscribe(bool byType, unsigned typeOrUuid, unsigned eventId, bool oneShot, unsigned pid);
@@ -108,6 +88,7 @@ public:
     std::vector<Subscription> subscriptions();
     bool dispatcherOpen();
     std::size_t elementCount();
+    bool validated(unsigned uuid);
 
 private:
     struct SubscriptionEntry
@@ -115,6 +96,12 @@ private:
         Subscription subscription;
         bool oneShot;
     };
+    // A subscription as the duplicate check sees it: by type, type or uuid, event, module.
+    using SubscriptionKey = std::tuple<bool, unsigned, unsigned, unsigned>;
+    static SubscriptionKey keyOf(const Subscription& s)
+    {
+        return SubscriptionKey(s.byType, s.typeOrUuid, s.eventId, s.pid);
+    }
     struct Relation
     {
         unsigned short type;
@@ -133,8 +120,8 @@ private:
     Subject subject(unsigned uuid);
     void eraseSubtree(unsigned uuid);
     void dropRelations(unsigned uuid);
-    std::vector<SubscriptionEntry>::iterator findSubscription(bool byType, unsigned typeOrUuid,
-                                                              unsigned eventId, unsigned pid);
+    template <typename Ends>
+    void endSubscriptions(Ends ends);
     std::vector<unsigned> takeRecipients(unsigned uuid, unsigned short type, unsigned eventId);
     void raise(unsigned uuid, unsigned short type, unsigned eventId, unsigned source,
                const std::string& data);
@@ -142,12 +129,12 @@ private:
                  unsigned source, const std::string& data);
 
     std::recursive_mutex mutex_;
-    std::unordered_map<unsigned, Node> nodes_;
+    NodeStore nodes_; // uuids are not reused while the process lives, also across reset()
     unsigned root_ = 0;
-    unsigned nextUuid_ = 1; // never reset: uuids are not reused while the process lives
     std::unordered_map<unsigned, std::vector<Relation>> forward_;
     std::unordered_map<unsigned, std::vector<Relation>> backward_;
-    std::vector<SubscriptionEntry> subscriptions_;
+    std::vector<SubscriptionEntry> subscriptions_; // in the order they were made
+    std::set<SubscriptionKey> subscriptionKeys_;   // the same, for the duplicate check
     std::unordered_set<unsigned> logins_;
     bool dispatcherOpen_ = false;
     std::vector<ExecutedCommand> commands_;
@@ -156,6 +143,9 @@ private:
 // Event queues of the modules (events.cpp).
 void queueEvent(unsigned pid, const Event& event);
 void clearEventQueues();
+
+// Clears the count of properties that outlived their element (element.cpp).
+void resetReleaseOrder();
 
 } // namespace panelsim::detail
 

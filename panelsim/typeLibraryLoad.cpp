@@ -276,9 +276,6 @@ private:
         name(j, at);
         PropertyDefaultDef definition{};
         definition.PropertyID = requiredId(j, at, "id", kPropertyTag);
-        if (type.propertyIndex(low16(definition.PropertyID)) >= 0)
-            fail(at + "/id", "another property of this type has the number " +
-                                 hex(low16(definition.PropertyID)));
         if (!j.contains("storage"))
             fail(at + "/storage", "missing member");
         const auto storage =
@@ -289,7 +286,8 @@ private:
         if (known.first->second != storage)
             fail(at + "/storage", "property " + hex(definition.PropertyID) + " has storage type " +
                                       std::to_string(known.first->second) +
-                                      " in an earlier type, " + std::to_string(storage) + " here");
+                                      " in an earlier definition, " + std::to_string(storage) +
+                                      " here");
         static const unsigned long long kMax[7] = {0xFF, 0xFFFFFFFFu, 0xFFFFFFFFu, 0xFF,
                                                    0xFF, 0xFF,        0xFF};
         unsigned long long attribute[7];
@@ -318,8 +316,10 @@ private:
     {
         expectObject(j, at, {"type", "kind", "attributes"});
         RelationDef definition{};
-        definition.RelatedTypeID = requiredId(j, at, "type", kElementTypeTag);
-        if (library_->types.count(definition.RelatedTypeID) == 0)
+        // Related type 0 names no type; the panel's own type definitions can hold such a relation.
+        const bool none = j.contains("type") && j["type"] == 0;
+        definition.RelatedTypeID = none ? 0 : requiredId(j, at, "type", kElementTypeTag);
+        if (!none && library_->types.count(definition.RelatedTypeID) == 0)
             fail(at + "/type", "element type " + hex(definition.RelatedTypeID) + " is not defined");
         if (!j.contains("kind"))
             fail(at + "/kind", "missing member");

@@ -6,6 +6,8 @@
 #   tsan      Clang with ThreadSanitizer: the sixteen-thread stress test
 #   fuzz      Clang with libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer: each harness
 #             for a bounded time from its checked-in corpus
+#   mutation  every planted bug of tests/mutation/mutants.txt must make a unit test fail
+#             (scripts/mutation.sh)
 #
 #   scripts/evidence.sh [STEP...]      (default: all of them, in this order)
 #
@@ -15,7 +17,7 @@ set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
 steps=("$@")
-[[ ${#steps[@]} -gt 0 ]] || steps=(coverage valgrind tsan fuzz)
+[[ ${#steps[@]} -gt 0 ]] || steps=(coverage valgrind tsan fuzz mutation)
 fuzz_seconds=${EVIDENCE_FUZZ_SECONDS:-20}
 stress_ms=${EVIDENCE_STRESS_MS:-3000}
 started=$SECONDS
@@ -144,7 +146,9 @@ for step in "${steps[@]}"; do
         valgrind) valgrind_suite ;;
         tsan) tsan ;;
         fuzz) fuzz ;;
-        *) echo "evidence.sh: unknown step '$step' (known: coverage valgrind tsan fuzz)" >&2; exit 2 ;;
+        mutation) bash "$repo/scripts/mutation.sh" ;;
+        *) echo "evidence.sh: unknown step '$step' (known: coverage valgrind tsan fuzz mutation)" >&2
+           exit 2 ;;
     esac
     passed=$((passed + 1))
 done

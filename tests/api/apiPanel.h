@@ -20,7 +20,7 @@ inline const char* const kApiTypeLibrary = R"({
   "stateValues": [{"id": "0x60001"}, {"id": "0x60007"}],
   "stateGroups": [{"id": "0x80010", "values": ["0x60001", "0x60007"]}],
   "types": [
-    {"id": "0x70001"}, {"id": "0x70170"}, {"id": "0x70292"}, {"id": "0x70328"},
+    {"id": "0x70001"}, {"id": "0x70170"}, {"id": "0x70292"}, {"id": "0x70328"}, {"id": "0x77000"},
     {"id": "0x70169", "properties": [{"id": "0x30004", "storage": 4, "default": "1"}]},
     {"id": "0x70171", "properties": [{"id":"0x30004","storage":4}, {"id":"0x30005","storage":12}]},
     {"id": "0x70296", "properties": [{"id":"0x30004","storage":4}, {"id":"0x30005","storage":12}]},

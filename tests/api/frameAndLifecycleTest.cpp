@@ -94,6 +94,12 @@ TEST_F(FrameTest, AddAndDelete)
     EXPECT_EQ(EGW_ElementServerGetElementTypeByUuid(tagged, {}), 0x70169u);
     EXPECT_EQ(EGW_ElementServerGetElementTypeByUuid(bare, {}), 0x70169u);
     EXPECT_EQ(EGW_ELementServerAddElementByType(bare + 1000, 0x0169, false, {}), 0u);
+    // Validation: the caller's flag at creation; later the element alone, not its children.
+    const UINT32 validated = EGW_ELementServerAddElementByType(bare, 0x0169, true, {});
+    EXPECT_TRUE(panelsim::isValidated(validated) && !panelsim::isValidated(bare));
+    EXPECT_EQ(EGW_ElementServerValidElementInner(root, {}), 0);
+    EXPECT_TRUE(panelsim::isValidated(root) && !panelsim::isValidated(bare));
+    EXPECT_NE(EGW_ElementServerValidElementInner(bare + 1000, {}), 0);
 
     EXPECT_EQ(EGW_ELementServerDeleteElementByUuid(tagged, {}), 0);
     EXPECT_EQ(EGW_ElementServerGetElementTypeByUuid(tagged, {}), 0u);

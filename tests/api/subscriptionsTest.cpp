@@ -56,6 +56,9 @@ TEST_F(SubscriptionsTest, SubscriptionsAndTheirFaultLines)
                              "3" + (tag + ("Fault:Un_SubscribeByElement,pid=0xb" + tail))});
     EXPECT_EQ(EGW_ElementServerUnSubscribeByElement(11, tree.probe, 0x60021, {}), 0);
     EXPECT_TRUE(takeLog().empty());
+    EXPECT_EQ(EGW_ElementServerUnSubscribeByType(11, 0x70400, 0x60021, {}), 0);
+    EXPECT_TRUE(panelsim::subscriptions().empty());
+    EXPECT_EQ(EGW_ElementServerUnSubscribeByType(11, 0x70400, 0x60021, {}), 4);
 }
 
 TEST_F(SubscriptionsTest, StatesCommandsAndIdString)

@@ -62,6 +62,7 @@ TEST_F(BulkSubscriptions, FiltersChooseTheGroupsThatCanTakeTheStates)
               TRUE);
     // Empty filters are refused here, never handed to the group tests as a caller error.
     EXPECT_EQ(EGW_BASIC_THRIFT_SubscribeAllStateChangeByCategoryList(kPid, 0x70169, {}), FALSE);
+    EXPECT_EQ(EGW_BASIC_THRIFT_SubscribeAllStateChangeByStateIdList(kPid, 0x70169, {}), FALSE);
     EXPECT_TRUE(typeEvents().empty());
     EXPECT_TRUE(assertReports().empty());
 }
@@ -71,6 +72,9 @@ TEST_F(BulkSubscriptions, SecondDeletionEventOnlyAfterTheFirstWasAccepted)
     load(kTypes);
     EXPECT_EQ(EGW_SubscribeDeletedElementForWaitingNotifyByType(kPid, 0x70169, true, nullptr), 0);
     EXPECT_EQ(typeEvents(), (std::vector<UINT32>{0xF0010000, 0xF0020000}));
+    load(kTypes);
+    EXPECT_EQ(EGW_SubscribeDeletedElementForWaitingNotifyByType(kPid, 0x70169, false, nullptr), 0);
+    EXPECT_EQ(typeEvents(), (std::vector<UINT32>{0xF0010000}));
     panelsim::injectFault("ElementServer::SubscribeByType", panelsim::FaultKind::Fail, 0, 1, 7);
     const auto refused = traceOf([] {
         EXPECT_EQ(EGW_SubscribeDeletedElementForWaitingNotifyByType(kPid, 0x70169, true, nullptr),

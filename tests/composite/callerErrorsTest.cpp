@@ -57,6 +57,9 @@ std::vector<CallerError> callerErrors()
         {"property changes of type 0", [] { return long{EGW_BASIC_THRIFT_SubscribeAllPropertyChange(5, 0, nullptr)}; }, 0, nullptr, nullptr},
         {"GUID of uuid 0", [] { EGW_ELementServerManagerElementGUID(0, GetThriftClientInstance()); return 0L; }, 0, nullptr, nullptr},
         {"pack a zero state value", [] { return long{EGW_BASIC_PackStateChangeInforData(record, 1, 0x80001, 0, 0x60001)}; }, FALSE, nullptr, nullptr},
+        {"pack a zero first state value", [] { return long{EGW_BASIC_PackStateChangeInforData(record, 1, 0x80001, 0x60001, 0)}; }, FALSE, nullptr, nullptr},
+        {"pack for uuid 0", [] { return long{EGW_BASIC_PackStateChangeInforData(record, 0, 0x80001, 0x60001, 0x60001)}; }, FALSE, nullptr, nullptr},
+        {"pack for group 0", [] { return long{EGW_BASIC_PackStateChangeInforData(record, 1, 0, 0x60001, 0x60001)}; }, FALSE, nullptr, nullptr},
         {"unpack from null", [] { return long{EGW_BASIC_UnpackStateChangeInforData(record, nullptr, 16)}; }, FALSE, nullptr, nullptr},
     };
     // clang-format on

@@ -6,7 +6,8 @@ namespace
 {
 
 // 0x70008 holds integer defaults and an enumeration, 0x70007 the passwords (no L4 among them);
-// 0x70169's second of three groups has no default.
+// 0x30101 and the L2 password have a second default record, which does not count. 0x70169's
+// second of three groups has no default.
 const char* const kTypes = R"({
   "stateValues": [{"id": "0x60001"}, {"id": "0x60002"}, {"id": "0x60003"}],
   "stateGroups": [{"id": "0x80005", "values": ["0x60001", "0x60002"], "default": "0x60001"},
@@ -15,6 +16,8 @@ const char* const kTypes = R"({
   "types": [
     {"id": "0x70008", "properties": [
       {"id": "0x30101", "storage": 4, "default": "\uFEFF42"},
+      {"id": "0x30109", "storage": 4, "default": "8"},
+      {"id": "0x30101", "storage": 4, "default": "7"},
       {"id": "0x30102", "storage": 4, "default": "-1"},
       {"id": "0x30103", "storage": 4, "default": " 17abc"},
       {"id": "0x30104", "storage": 4, "default": "abc"},
@@ -25,6 +28,7 @@ const char* const kTypes = R"({
     {"id": "0x70007", "properties": [
       {"id": "0x3000C", "storage": 12, "default": "\uFEFFlevel3.1"},
       {"id": "0x30010", "storage": 12, "default": "2222"},
+      {"id": "0x30010", "storage": 12, "default": "9999"},
       {"id": "0x30011", "storage": 12, "default": "\uFEFF"}]},
     {"id": "0x70169", "stateGroups": ["0x80005", "0x80009", "0x80007"]},
     {"id": "0x70170", "stateGroups": ["0x80005", "0x80007"]}]})";
@@ -57,6 +61,10 @@ TEST_F(Defaults, IntegerTextsReadAsA32BitStrtolReadsThem)
     });
     EXPECT_EQ(value, 0u);
     EXPECT_TRUE(callsWith(trace, "GetPropertyDefaultList").empty());
+    // An integer property that the type does not list has no default there.
+    value = 5;
+    EXPECT_EQ(EGW_BASIC_GetDefaultIntegerTypeProperty(0x70007, 0x30101, value), FALSE);
+    EXPECT_EQ(value, 0u);
 }
 
 TEST_F(Defaults, PasswordsLoseTheirByteOrderMark)

@@ -43,6 +43,12 @@ TEST_F(Marshalling, StringsMoveRawBytesWithASixteenBitSize)
     EXPECT_EQ(str, std::string("ABCX\0Y", 6));
     EXPECT_EQ(EGW_BASIC_WriteStringContain(str, "XY", 2, TRUE), TRUE);
     EXPECT_EQ(str, "XY");
+    // The data of a string: its bytes and size, or null for an empty one.
+    UINT32 length = 9;
+    EXPECT_EQ(EGW_BASIC_GetStringdata(str, length), str.data());
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(EGW_BASIC_GetStringdata(std::string(), length), nullptr);
+    EXPECT_EQ(length, 0u);
 }
 
 TEST_F(Marshalling, NullBuffersAndZeroCapacityAreReported)

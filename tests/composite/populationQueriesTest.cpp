@@ -11,7 +11,8 @@ const char* const kTypes = R"({
   "types": [
     {"id": "0x70169", "visibility": "0x90301", "commands": ["0x14286", "0x10050"],
      "stateGroups": ["0x80005"],
-     "relations": [{"type": "0x70170", "kind": 0}, {"type": "0x70171", "kind": 0}]},
+     "relations": [{"type": 0, "kind": 0}, {"type": "0x70170", "kind": 0},
+                   {"type": "0x70171", "kind": 0}]},
     {"id": "0x70170", "visibility": "0x90302", "commands": ["0x14286", "0x10050"],
      "stateGroups": ["0x80005"],
      "relations": [{"type": "0x70171", "kind": 0}, {"type": "0x70172", "kind": 1}]},
@@ -78,6 +79,12 @@ TEST_F(PopulationQueries, BroadcastReachesRelatedElementsThenItself)
               FALSE);
     EXPECT_EQ(commandTargets().size(), 3u);
     EXPECT_EQ(reportedExpressions(), std::vector<std::string>{"0 == mReturn"});
+    // A relation the host holds twice takes the command twice.
+    ASSERT_EQ(panelsim::addRelationAgain(A, A1, 0x0005), 0);
+    ASSERT_EQ(panelsim::addRelationAgain(A, A1, 0x0005), 0);
+    EXPECT_EQ(EGW_BroadcastCommandToRelationship(A, 0x10050, 0, 0x20005, TRUE, FALSE, nullptr),
+              TRUE);
+    EXPECT_EQ(commandTargets(), (std::vector<UINT32>{A, A1, R, A1, A1}));
 }
 
 TEST_F(PopulationQueries, VisibleRelationsOnlyAndNothingFromBefore)
@@ -86,6 +93,11 @@ TEST_F(PopulationQueries, VisibleRelationsOnlyAndNothingFromBefore)
     std::vector<int> out{99, 98};
     EGW_BASIC_THRIFT_GetVisibleRelationElementList(R, 0x20004, 1, out, nullptr);
     EXPECT_EQ(out, (std::vector<int>{static_cast<int>(B), static_cast<int>(A)}));
+    // Listed as often as the relation query gives it.
+    ASSERT_EQ(panelsim::addRelationAgain(R, A, 0x0004), 0);
+    EGW_BASIC_THRIFT_GetVisibleRelationElementList(R, 0x20004, 1, out, nullptr);
+    EXPECT_EQ(out,
+              (std::vector<int>{static_cast<int>(B), static_cast<int>(A), static_cast<int>(A)}));
 }
 
 TEST_F(PopulationQueries, SubtreeWalkIsPreOrderThroughNonMatchingElements)
@@ -107,6 +119,11 @@ TEST_F(PopulationQueries, ChildTypeWalkListsEachTypeOnceAndSurvivesCycles)
     const auto trace = traceOf([&] { EGW_BASIC_THRIFT_GetAllChildrenElementType(out, 0x70169); });
     EXPECT_EQ(out, (std::vector<unsigned int>{0x70170, 0x70171}));
     EXPECT_EQ(callsWith(trace, "GetRelationList(0x70171)").size(), 1u);
+    // The child relation to type 0 that the walk skipped is in the type's definitions.
+    std::vector<EGW_RelationDef_Thrift> relations;
+    ASSERT_EQ(EGW_ELementServerGetRelationList(0x70169, relations), 3u);
+    EXPECT_TRUE(relations[0].RelatedTypeID == 0 && relations[0].RelationKind == 0);
+    EXPECT_TRUE(reportedExpressions().empty());
     EXPECT_EQ(EGW_BASIC_THRIFT_GetAllChildrenElementType(out, 0x70020), TRUE);
     EXPECT_EQ(out, (std::vector<unsigned int>{0x70021, 0x70020}));
 }

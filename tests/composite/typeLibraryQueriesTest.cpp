@@ -29,10 +29,15 @@ TEST_F(TypeLibraryQueries, StorageClassesStoreTheTypeOnlyWhenTheyMatch)
 TEST_F(TypeLibraryQueries, EmptyDefinitionListsLeaveOrEmptyTheVector)
 {
     load(R"({"types": [{"id": "0x70170"}, {"id": "0x70169",
-      "relations": [{"type": "0x70170", "kind": -1, "attributes": [1, 65535, 7]}]}]})");
+      "relations": [{"type": "0x70170", "kind": -1, "attributes": [1, 65535, 7]}],
+      "properties": [{"id": "0x30004", "storage": 4, "attributes": [9, 0, 0, 0, 0, 0, 0]}]}]})");
     std::vector<EGW_PropertyDef_Thrift> properties(3);
     EXPECT_EQ(EGW_ELementServerGetPropertyInformationList(0x70170, properties), 0u);
     EXPECT_EQ(properties.size(), 3u);
+    // A type with properties replaces what the vector held.
+    EXPECT_EQ(EGW_ELementServerGetPropertyInformationList(0x70169, properties), 1u);
+    ASSERT_EQ(properties.size(), 1u);
+    EXPECT_TRUE(properties[0].PropertyID == 0x30004 && properties[0].Attr1 == 9);
     std::vector<EGW_RelationDef_Thrift> relations(2);
     EXPECT_EQ(EGW_ELementServerGetRelationList(0x70169, relations), 1u);
     ASSERT_EQ(relations.size(), 1u);

@@ -60,6 +60,7 @@ TEST_F(IdStringTest, NearestNonZeroNumberOfAListWins)
     const unsigned outer = addWith(addWith(0, kRoot, 1), kSection, 7);
     EXPECT_EQ(idString(addElement(addWith(outer, kSection, 9), kUnlisted)), "01.009");
     EXPECT_EQ(idString(addWith(outer, kSection, 0)), "01.007");
+    EXPECT_EQ(idString(addElement(outer, 0x7000)), "01.007") << "a type above every list";
     const unsigned point = addElement(outer, kPoint);
     setBytes(point, 0x30005, "\xC3\xB2\xA1"); // three bytes are no device ID
     EXPECT_EQ(idString(point), "01.007");

@@ -420,6 +420,7 @@ protected:
                                   (persistent ? " persistent" : " transient");
         EXPECT_EQ(panelsim::liveElements(), 0) << where;
         EXPECT_EQ(panelsim::liveProperties(), 0) << where;
+        EXPECT_EQ(panelsim::propertiesOutlivingElements(), 0) << where;
         const TreeDump after = dumpTree(&before);
         if (!reached)
         {

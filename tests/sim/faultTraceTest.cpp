@@ -153,6 +153,37 @@ TEST_F(FaultTest, LiveCountersFollowEveryCopyAndHostList)
     EXPECT_EQ(panelsim::liveProperties(), 0);
 }
 
+// A Property taken from an Element, or written through one, that is still alive when that Element
+// goes is counted; copies count as taken from the same Element.
+TEST_F(FaultTest, PropertiesOutlivingTheirElementAreCounted)
+{
+    const unsigned root = add(0, 0x0169);
+    {
+        Element element(root);
+        Property property = element.GetPropertyByPropertyID(0x4);
+        Property written(0x4);
+        written.SetData(property.GetData(nullptr), 4);
+        element.SetProperty(written, true);
+    }
+    EXPECT_EQ(panelsim::propertiesOutlivingElements(), 0);
+    {
+        Property property = Element(root).GetPropertyByPropertyID(0x4);
+        EXPECT_EQ(panelsim::propertiesOutlivingElements(), 1);
+        const std::vector<Property> copies(2, property);
+        Property written(0x4);
+        {
+            Element element(root);
+            element.SetProperty(written, true);
+        }
+        EXPECT_EQ(panelsim::propertiesOutlivingElements(), 2);
+        Element other(root);
+        EXPECT_EQ(panelsim::propertiesOutlivingElements(), 2) << "another Element is no matter";
+    }
+    EXPECT_EQ(panelsim::propertiesOutlivingElements(), 2);
+    panelsim::reset();
+    EXPECT_EQ(panelsim::propertiesOutlivingElements(), 0);
+}
+
 TEST_F(FaultTest, DebugPrintFormatsAnyLengthForTheSink)
 {
     const std::string longText(5000, 'x');

@@ -12,6 +12,8 @@
 class SimTest : public PanelTest
 {
 protected:
+    SimTest() { checkReleaseOrder_ = false; }
+
     static ElementServer& server() { return *ElementServer::GetElementServer(); }
 
     static unsigned add(unsigned parent, unsigned short type, bool checkChildType = false)

@@ -67,6 +67,14 @@ TEST_F(RelationTree, RelationsReadInBothDirectionsInInsertionOrder)
     EXPECT_TRUE(related(hardware, 2, false).empty());
     EXPECT_NE(relate(hardware, detection, 2), 0) << "the same relation twice";
     EXPECT_NE(relate(hardware, root + 100, 2), 0) << "unknown target";
+    // Held twice, as a panel's host can: listed twice from both ends, removed at once.
+    EXPECT_EQ(panelsim::addRelationAgain(hardware, detection, 2), 0);
+    EXPECT_EQ(related(hardware, 2, true), (std::vector<unsigned>{control, detection, detection}));
+    EXPECT_EQ(related(detection, 2, false), (std::vector<unsigned>{hardware, hardware}));
+    EXPECT_EQ(panelsim::addRelationAgain(hardware, root + 100, 2), 1);
+    EXPECT_EQ(unrelate(hardware, detection, 2), 0);
+    EXPECT_EQ(related(hardware, 2, true), std::vector<unsigned>{control});
+    EXPECT_TRUE(related(detection, 2, false).empty());
 }
 
 TEST_F(RelationTree, DeletionRemovesOneOrAllOfATypeAndReplaceDropsTheOthersOfThatType)

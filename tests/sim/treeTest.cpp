@@ -43,10 +43,27 @@ TEST_F(TreeTest, ChildrenKeepTheOrderTheyWereAddedInAndKnowTheirParentAndValidat
     EXPECT_NE(error, 0);
     EXPECT_EQ(Element(b).GetType(), 0x0170);
     EXPECT_EQ(Element(0).GetType(), 0);
-    EXPECT_EQ(Element(root).Validate(true), 0);
+    const unsigned below = add(b, 0x0204);
     EXPECT_EQ(Element(b).Validate(false), 0);
+    EXPECT_TRUE(panelsim::isValidated(b) && !panelsim::isValidated(below) &&
+                !panelsim::isValidated(root));
+    EXPECT_EQ(Element(root).Validate(true), 0);
+    EXPECT_TRUE(panelsim::isValidated(root) && panelsim::isValidated(below));
     EXPECT_NE(Element(c + 77).Validate(false), 0);
     EXPECT_NE(Element(0).Validate(true), 0);
+    EXPECT_FALSE(panelsim::isValidated(c + 77));
+
+    // The order holds through deletions at the middle, the front and the end.
+    const unsigned d = add(root, 0x0328);
+    for (const unsigned gone : {b, a, d})
+    {
+        Element element(gone);
+        ASSERT_EQ(server().DeleteElement(element, false), 0);
+    }
+    EXPECT_EQ(children(root), std::vector<unsigned>{c});
+    const unsigned e = add(root, 0x0170);
+    EXPECT_EQ(children(root), (std::vector<unsigned>{c, e}));
+    EXPECT_EQ(panelsim::elementCount(), 3u);
 }
 
 TEST_F(TreeTest, AddIsRefusedForUnknownParentsTypesAndChildTypes)

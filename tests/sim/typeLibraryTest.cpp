@@ -1,6 +1,7 @@
 // Loading type libraries, and the shipped sample.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
 #include "simFixture.h"
@@ -58,6 +59,32 @@ TEST_F(TypeLibraryTest, ALoadedLibraryAnswersEveryQuery)
     EXPECT_EQ(CIDDefine::GetTypebyID(0x0169), 0u);
 }
 
+// What a panel's own definitions can hold: a relation to type 0, and a property listed twice.
+TEST_F(TypeLibraryTest, RelationsToTypeZeroAndRepeatedPropertiesAreKept)
+{
+    std::string error;
+    ASSERT_TRUE(panelsim::loadTypeLibraryText(R"({"types": [
+        {"id": "0x70001", "relations": [{"type": 0, "kind": 0}, {"type": "0x70001", "kind": 0}],
+         "properties": [{"id": "0x30004", "storage": 6, "default": "5"},
+                        {"id": "0x30004", "storage": 6, "default": "9"}]}]})",
+                                              "repeats.json", error))
+        << error;
+    const auto relations = GetRelationList(0x70001);
+    ASSERT_EQ(relations.size(), 2u);
+    EXPECT_EQ(relations[0].RelatedTypeID, 0u);
+    const auto defaults = GetPropertyDefaultList(0x70001);
+    ASSERT_EQ(defaults.size(), 2u);
+    EXPECT_EQ(defaults[1].DefaultValue, "9");
+    // The first record gives the element its value; the relation to 0 makes no child type.
+    const unsigned top = add(0, 0x0001);
+    EXPECT_NE(add(top, 0x0001, true), 0u);
+    Property address = Element(top).GetPropertyByPropertyID(0x4);
+    unsigned short size = 0;
+    const void* data = address.GetData(&size);
+    ASSERT_EQ(size, 4u);
+    EXPECT_EQ(std::memcmp(data, "\x05\0\0\0", 4), 0);
+}
+
 struct BadLibrary
 {
     const char* text;
@@ -80,11 +107,11 @@ const BadLibrary kBadLibraries[] = {
                                                     {"id": "0x40004", "storage": 6}]}]})",
      ": /types/0/properties/1/id:", "tag 0x3"},
     {R"({"types": [{"id": "0x70001", "properties": [{"id": "0x30004", "storage": 6},
-                                                    {"id": "0x30004", "storage": 6}]}]})",
-     ": /types/0/properties/1/id:", "number 0x4"},
+                                                    {"id": "0x30004", "storage": 4}]}]})",
+     ": /types/0/properties/1/storage:", "storage type 6 in an earlier definition"},
     {R"({"types": [{"id": "0x70001", "properties": [{"id": "0x30004", "storage": 6}]},
                   {"id": "0x70002", "properties": [{"id": "0x30004", "storage": 4}]}]})",
-     ": /types/1/properties/0/storage:", "storage type 6 in an earlier type"},
+     ": /types/1/properties/0/storage:", "storage type 6 in an earlier definition"},
     {R"({"types": [{"id": "0x70001",
                     "properties": [{"id": "0x30004", "storage": 6, "attributes": [1, 2]}]}]})",
      ": /types/0/properties/0/attributes:", "7 numbers"},
