@@ -16,7 +16,9 @@ constexpr UINT32 kPropertyChangeEvent = 0x03020000;
 constexpr UINT32 kDeletedFirstEvent = 0xF0010000;
 constexpr UINT32 kDeletedSecondEvent = 0xF0020000;
 constexpr auto kPumpWait = std::chrono::milliseconds(50);
-constexpr int kTypeLookups = 3;
+// A host call whose failure would cost an event or leave a subscription behind is made up to this
+// many times.
+constexpr int kHostAttempts = 3;
 
 std::int64_t nowMs()
 {
@@ -388,22 +390,35 @@ void EventHub::releaseLocked(const EventFilter& filter, int count, void* client)
         return;
     }
     held_.erase(held);
-    // An element deleted meanwhile took its subscriptions with it; the refusal is expected then.
-    // A host failure leaves the module subscribed to an event that no session follows, which
-    // deliver() passes over; it must not stop a closing session (this runs in its destructor).
-    try
+    // A host failure is tried again, as a module subscription that no session holds would go on
+    // taking the element server's events; it must never stop a closing session either (this runs
+    // in its destructor). An element deleted meanwhile took its subscriptions with it.
+    bool exists = filter.byType;
+    for (int attempt = 0; attempt < kHostAttempts && !exists; ++attempt)
     {
-        if (filter.byType)
+        try
         {
-            EGW_ElementServerUnSubscribeByType(module_, filter.target, filter.eventId, client);
+            exists = EGW_ElementServerGetElementTypeByUuid(filter.target, client) != 0;
         }
-        else if (EGW_ElementServerGetElementTypeByUuid(filter.target, client) != 0)
+        catch (const std::exception&)
         {
-            EGW_ElementServerUnSubscribeByElement(module_, filter.target, filter.eventId, client);
         }
     }
-    catch (const std::exception&)
+    for (int attempt = 0; attempt < kHostAttempts && exists; ++attempt)
     {
+        try
+        {
+            const INT32 status =
+                filter.byType
+                    ? EGW_ElementServerUnSubscribeByType(module_, filter.target, filter.eventId,
+                                                         client)
+                    : EGW_ElementServerUnSubscribeByElement(module_, filter.target,
+                                                            filter.eventId, client);
+            exists = status != 0;
+        }
+        catch (const std::exception&)
+        {
+        }
     }
 }
 
@@ -495,7 +510,7 @@ void EventHub::deliver(const RawEvent& raw)
     // is asked again, a failure may pass), or the element is gone. The event still reaches the
     // sessions that follow the element itself.
     UINT32 type = 0;
-    for (int attempt = 0; attempt < kTypeLookups && type == 0; ++attempt)
+    for (int attempt = 0; attempt < kHostAttempts && type == 0; ++attempt)
     {
         try
         {
