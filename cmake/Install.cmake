@@ -15,6 +15,16 @@ else()
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT panelsim NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${EGW_INCLUDE_SUBDIR})
 endif()
+# Installed programs and libraries find the libraries beside them wherever the tree is installed,
+# unpacked or moved: their run path is relative to their own place ($ORIGIN), never the build's.
+file(RELATIVE_PATH EGW_BIN_TO_LIB /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+set_target_properties(elementGateway PROPERTIES INSTALL_RPATH "$ORIGIN")
+foreach(program egw egwd)
+  if(TARGET ${program})
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${EGW_BIN_TO_LIB}")
+  endif()
+endforeach()
+
 install(FILES elementGateway.h DESTINATION ${EGW_INCLUDE_SUBDIR} COMPONENT development)
 install(FILES api/gatewayTypes.h api/gatewayApi.h DESTINATION ${EGW_INCLUDE_SUBDIR}/api
         COMPONENT development)

@@ -1,9 +1,12 @@
 # Debian packages, written by `cpack` in a build directory:
 #   libelementgateway1       the gateway library
 #   libelementgateway-dev    headers (public, host, simulator), CMake package, pkg-config file
-#   elementgateway-panelsim  the panel simulator and the tools (simulator builds only)
-# The architecture is the target's; dependencies on the C and C++ runtimes are stated, not
-# computed, so that cross builds package the same way.
+#   elementgateway-panelsim  the panel simulator (simulator builds only)
+#   elementgateway-tools     the panel tool egw and its sample panel (simulator builds only)
+# Each package depends on every package whose libraries its files load: the packages of this build
+# by name, the system's computed by dpkg-shlibdeps on the build machine and stated for a cross build
+# (dpkg-shlibdeps knows only the build machine's packages). The architecture is the target's. The
+# package test checks every package's dependencies against what its files load.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME elementgateway)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -14,8 +17,22 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "elementGateway maintainers")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(egw_runtime_depends "libc6 (>= 2.36), libstdc++6 (>= 12)")
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "${egw_runtime_depends}")
+if(CMAKE_CROSSCOMPILING)
+  set(egw_runtime_depends "libc6 (>= 2.36)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)")
+else()
+  # Every system library a file loads (the service's Thrift runtime for egw --connect among them);
+  # the libraries of this build are found in the build tree and named below.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/panelsim)
+  set(egw_runtime_depends)
+endif()
+# The Depends field of a package: the packages given and the system's runtimes.
+function(egw_depends variable)
+  set(all ${ARGN} ${egw_runtime_depends})
+  list(JOIN all ", " text)
+  set(${variable} "${text}" PARENT_SCOPE)
+endfunction()
+egw_depends(CPACK_DEBIAN_PACKAGE_DEPENDS)
 
 set(egw_deb_architectures
   x86_64-linux-gnu amd64 i386-linux-gnu i386 arm-linux-gnueabihf armhf aarch64-linux-gnu arm64)
@@ -35,15 +52,22 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 if(NOT EGW_EXTERNAL_HOST)
-  # The library links the simulator in these builds; the simulator's package carries the tools.
+  # The library links the simulator in these builds.
   list(APPEND CPACK_COMPONENTS_ALL panelsim tools)
-  set(CPACK_COMPONENT_PANELSIM_GROUP simulator)
-  set(CPACK_COMPONENT_TOOLS_GROUP simulator)
-  set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME elementgateway-panelsim)
-  set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)
-  set(CPACK_COMPONENT_GROUP_SIMULATOR_DESCRIPTION
-      "Element gateway of the fire-detection panel: panel simulator and tools")
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-      "elementgateway-panelsim (= ${PROJECT_VERSION}), ${egw_runtime_depends}")
+  set(egw_version_depends "(= ${PROJECT_VERSION})")
+  set(CPACK_DEBIAN_PANELSIM_PACKAGE_NAME elementgateway-panelsim)
+  set(CPACK_DEBIAN_PANELSIM_PACKAGE_SECTION devel)
+  set(CPACK_COMPONENT_PANELSIM_DESCRIPTION
+      "Element gateway of the fire-detection panel: the panel simulator")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME elementgateway-tools)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
+  set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+      "Element gateway of the fire-detection panel: the panel tool egw and a sample panel")
+  set(runtime "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} ${egw_version_depends}")
+  set(simulator "elementgateway-panelsim ${egw_version_depends}")
+  egw_depends(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${simulator}")
+  egw_depends(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime}" "${simulator}")
+  # The development links name both libraries.
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime}, ${simulator}")
 endif()
 include(CPack)

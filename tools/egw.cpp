@@ -1,5 +1,8 @@
 // egw: the panel tool. Loads a panel into the simulator through the gateway and works on it.
+#include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -24,7 +27,7 @@ std::string readFile(const std::string& path)
     std::ifstream file(path, std::ios::binary);
     if (!file)
     {
-        throw ToolError(path + ": cannot be read");
+        throw ToolError(path + ": cannot be read: " + std::strerror(errno));
     }
     std::ostringstream text;
     text << file.rdbuf();
@@ -52,13 +55,13 @@ bool parseUnsigned(const std::string& text, UINT32& value)
 
 } // namespace
 
-Panel::Panel(const Options& options)
+Panel::Panel(const Options& options, bool withPanel)
 {
     std::string error;
     const std::string typesText =
         options.typesFile.empty() ? panelsim::sampleTypeLibraryText() : readFile(options.typesFile);
-    const std::string typesSource =
-        options.typesFile.empty() ? std::string("sampleTypes.json") : options.typesFile;
+    typesSource_ = options.typesFile.empty() ? std::string("sampleTypes.json") : options.typesFile;
+    const std::string& typesSource = typesSource_;
     if (options.typesFile.empty())
     {
         panelsim::loadSampleTypeLibrary();
@@ -72,11 +75,23 @@ Panel::Panel(const Options& options)
         throw ToolError(error);
     }
     panelsim::reset();
+    if (!options.connection.hostPort.empty() && withPanel)
+    {
+        remote_ = true;
+        gateway_ = remoteGateway(options.connection);
+        return;
+    }
+    gateway_ = localGateway(loaded_);
+    if (!withPanel)
+    {
+        return;
+    }
+    ProgressBar bar("loading panel");
     const bool loaded =
         options.panelFile.empty()
             ? panelconfig::loadPanelText(std::string(kSamplePanel, kSamplePanelSize),
                                          "samplePanel.json", names_, loaded_, error)
-            : panelconfig::loadPanelFile(options.panelFile, names_, loaded_, error);
+            : panelconfig::loadPanelFile(options.panelFile, names_, loaded_, error, bar.callback());
     if (!loaded)
     {
         throw ToolError(error);
@@ -85,9 +100,8 @@ Panel::Panel(const Options& options)
 
 UINT32 Panel::element(const std::string& uuidOrKey) const
 {
-    UINT32 uuid = loaded_.uuidOf(uuidOrKey);
-    if (uuid == 0 && (!parseUnsigned(uuidOrKey, uuid) ||
-                      EGW_ElementServerGetElementTypeByUuid(uuid, nullptr) == 0))
+    UINT32 uuid = gateway_->uuidOf(uuidOrKey);
+    if (uuid == 0 && (!parseUnsigned(uuidOrKey, uuid) || gateway_->type(uuid) == 0))
     {
         throw ToolError("no element has the uuid or key \"" + uuidOrKey + "\"");
     }
@@ -107,18 +121,6 @@ UINT32 Panel::id(panelconfig::IdKind kind, const std::string& text) const
     return id;
 }
 
-std::string Panel::keyOf(UINT32 uuid) const
-{
-    for (const panelconfig::LoadedElement& element : loaded_.elements)
-    {
-        if (element.uuid == uuid)
-        {
-            return element.key;
-        }
-    }
-    return std::string();
-}
-
 std::string Panel::idText(panelconfig::IdKind kind, UINT32 id) const
 {
     const std::string name = names_.nameOf(kind, id);
@@ -135,111 +137,270 @@ namespace
 // The command chosen on the command line, with its arguments.
 struct Request
 {
+    std::string command;
     std::string element;
     std::string property;
     std::string value;
     std::string group;
-    std::string command;
+    std::string commandId;
     unsigned loops = 0;
     unsigned devices = 0;
     std::string output;
+    bool valueGiven = false;
+};
+
+// The largest panel `generate` writes: a panel loads at a few hundred bytes an element, so ten
+// million fit in the memory of a build machine.
+constexpr unsigned long long kMostGeneratedElements = 10000000;
+
+// Standard output, or the named file; refused with the system's reason when it cannot be opened.
+class Output
+{
+public:
+    explicit Output(const std::string& path) : path_(path)
+    {
+        // The first failed write leaves its reason in errno.
+        errno = 0;
+        if (!toStandardOutput())
+        {
+            file_.open(path, std::ios::binary | std::ios::trunc);
+            if (!file_)
+            {
+                throw ToolError(path + ": cannot be written: " + std::strerror(errno));
+            }
+        }
+    }
+
+    bool toStandardOutput() const { return path_ == "-"; }
+    std::ostream& stream() { return toStandardOutput() ? std::cout : file_; }
+
+    // Everything written must have arrived: a full disk shows only when the buffer goes out.
+    void finish()
+    {
+        if (!stream().flush())
+        {
+            const int error = errno;
+            throw ToolError(
+                (toStandardOutput() ? std::string("standard output") : path_) +
+                ": cannot be written: " + (error != 0 ? std::strerror(error) : "write error"));
+        }
+    }
+
+private:
+    std::string path_;
+    std::ofstream file_;
 };
 
 Json generate(const Request& request)
 {
-    const std::string text = panelconfig::generatePanelText(request.loops, request.devices);
-    std::ofstream file(request.output, std::ios::binary);
-    if (!(file << text) || !file.flush())
+    const unsigned long long elements =
+        panelconfig::generatedElementCount(request.loops, request.devices);
+    if (elements > kMostGeneratedElements)
     {
-        throw ToolError(request.output + ": cannot be written");
+        throw UsageError("generate: --loops " + std::to_string(request.loops) + " --devices " +
+                         std::to_string(request.devices) + " make " + std::to_string(elements) +
+                         " elements; egw generates at most " +
+                         std::to_string(kMostGeneratedElements));
     }
+    Output output(request.output);
+    {
+        ProgressBar bar("generating panel");
+        panelconfig::generatePanel(output.stream(), request.loops, request.devices, bar.callback());
+    }
+    output.finish();
     return {{"file", request.output},
             {"loops", request.loops},
             {"devicesPerLoop", request.devices},
-            {"bytes", text.size()}};
+            {"elements", elements}};
 }
 
-int run(CLI::App& app, const Options& options, const Request& request)
+Json exportPanel(const Panel& panel, const Request& request)
 {
-    const auto chosen = [&](const char* name) { return app.got_subcommand(name); };
+    if (panel.remote())
+    {
+        throw UsageError("export writes the panel loaded in this process; it does not work with "
+                         "--connect");
+    }
+    // Every relation type that the tool shows, and any other that the loaded file used.
+    std::vector<UINT32> relations = panel.loaded().relationTypes;
+    for (UINT32 type : {0x20001u, 0x20002u})
+    {
+        if (std::find(relations.begin(), relations.end(), type) == relations.end())
+        {
+            relations.push_back(type);
+        }
+    }
+    std::sort(relations.begin(), relations.end());
+    Output output(request.output);
+    {
+        ProgressBar bar("exporting panel");
+        panelconfig::writePanel(output.stream(), EGW_ELementServerGetTreeRoot(nullptr),
+                                panel.names(), relations, panel.loaded().keyByUuid,
+                                panel.loaded().name, bar.callback());
+    }
+    output.finish();
+    return {{"file", request.output}, {"elements", panel.loaded().elements.size()}};
+}
+
+// The gateway reports a broken precondition through its assertion handler and goes on; the tool
+// keeps the first report and refuses the run, so that a user sees one clear line and not the
+// report's source place.
+std::string& gatewayReport()
+{
+    static std::string report;
+    return report;
+}
+
+void keepGatewayReport(const char*, const char* function, const char*, int)
+{
+    if (gatewayReport().empty())
+    {
+        // "void EGW_Name(UINT32, void*)": the operation's name only.
+        std::string name = function != nullptr ? function : "";
+        name = name.substr(0, name.find('('));
+        name = name.substr(name.rfind(' ') + 1);
+        gatewayReport() = name.empty() ? std::string("an operation") : name;
+    }
+}
+
+void checkGateway()
+{
+    if (!gatewayReport().empty())
+    {
+        throw ToolError("the element gateway refused " + gatewayReport() +
+                        " on this panel (a precondition of the operation does not hold); the "
+                        "answer would be wrong, so none is given");
+    }
+}
+
+void printJson(const Json& answer)
+{
+    std::cout << answer.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+// Runs the chosen command; its answer goes to standard output.
+void run(const Options& options, const Request& request)
+{
+    const std::string& chosen = request.command;
+    if (chosen == "generate")
+    {
+        const Json answer = generate(request);
+        if (request.output != "-")
+        {
+            options.json ? printJson(answer) : printValue(answer, std::cout);
+        }
+        return;
+    }
+    const Panel panel(options, chosen != "types");
+    checkGateway();
+    Output out("-");
+    if (chosen == "tree")
+    {
+        ProgressBar bar("printing tree");
+        // A remote panel's size is not known ahead: no bar then.
+        const double total = static_cast<double>(panel.loaded().elements.size());
+        std::size_t done = 0;
+        const TreeVisitor print = options.json ? treeJson(std::cout) : treeText(std::cout);
+        treeCommand(panel, [&](const Json* summary, std::size_t depth, bool hasChildren) {
+            print(summary, depth, hasChildren);
+            if (summary != nullptr && ++done % 4096 == 0 && total > 0)
+            {
+                bar.step(static_cast<double>(done) / total);
+            }
+        });
+        if (options.json)
+        {
+            std::cout << '\n';
+        }
+        checkGateway();
+        out.finish();
+        return;
+    }
+    if (chosen == "export")
+    {
+        const Json answer = exportPanel(panel, request);
+        checkGateway();
+        if (request.output != "-")
+        {
+            options.json ? printJson(answer) : printValue(answer, std::cout);
+        }
+        out.finish();
+        return;
+    }
+    const auto property = [&] { return panel.id(panelconfig::IdKind::Property, request.property); };
     Json answer;
     void (*print)(const Json&, std::ostream&) = printValue;
-    if (chosen("generate"))
+    if (chosen == "demo")
     {
-        answer = generate(request);
+        answer = demoCommand(panel);
+        print = printDemo;
+    }
+    else if (chosen == "types")
+    {
+        answer = typesCommand(panel);
+        print = printTypes;
+    }
+    else if (chosen == "show")
+    {
+        answer = showCommand(panel, panel.element(request.element));
+        print = printShow;
+    }
+    else if (chosen == "get")
+    {
+        answer = getCommand(panel, panel.element(request.element), property());
+    }
+    else if (chosen == "set")
+    {
+        answer = setCommand(panel, panel.element(request.element), property(), request.value);
+    }
+    else if (chosen == "state")
+    {
+        const UINT32 uuid = panel.element(request.element);
+        const UINT32 group = panel.id(panelconfig::IdKind::StateGroup, request.group);
+        answer = stateCommand(panel, uuid, group, request.valueGiven ? &request.value : nullptr);
+    }
+    else if (chosen == "command")
+    {
+        UINT32 command = 0;
+        if (!parseUnsigned(request.commandId, command))
+        {
+            throw ToolError("a command is a number, such as 0x14001; got \"" + request.commandId +
+                            "\"");
+        }
+        answer = commandCommand(panel, panel.element(request.element), command);
     }
     else
     {
-        const Panel panel(options);
-        const auto property = [&] {
-            return panel.id(panelconfig::IdKind::Property, request.property);
-        };
-        if (chosen("demo"))
-        {
-            answer = demoCommand(panel);
-            print = printDemo;
-        }
-        else if (chosen("tree"))
-        {
-            answer = treeCommand(panel);
-            print = printTree;
-        }
-        else if (chosen("show"))
-        {
-            answer = showCommand(panel, panel.element(request.element));
-            print = printShow;
-        }
-        else if (chosen("get"))
-        {
-            answer = getCommand(panel, panel.element(request.element), property());
-        }
-        else if (chosen("set"))
-        {
-            answer = setCommand(panel, panel.element(request.element), property(), request.value);
-        }
-        else if (chosen("state"))
-        {
-            const UINT32 uuid = panel.element(request.element);
-            const UINT32 group = panel.id(panelconfig::IdKind::StateGroup, request.group);
-            answer = stateCommand(panel, uuid, group,
-                                  app.get_subcommand("state")->count("value") ? &request.value
-                                                                              : nullptr);
-        }
-        else if (chosen("command"))
-        {
-            UINT32 command = 0;
-            if (!parseUnsigned(request.command, command))
-            {
-                throw ToolError("a command is a number, such as 0x14001; got \"" + request.command +
-                                "\"");
-            }
-            answer = commandCommand(panel.element(request.element), command);
-        }
-        else
-        {
-            answer = eventsCommand(panel);
-            print = printEvents;
-        }
+        answer = eventsCommand(panel);
+        print = printEvents;
     }
-    if (options.json)
+    checkGateway();
+    options.json ? printJson(answer) : print(answer, std::cout);
+    out.finish();
+}
+
+// One message for a refused run: on standard error after the tool's name, and with --json also as
+// a JSON document on standard output.
+int refuse(bool json, const std::string& message, int status)
+{
+    if (json)
     {
-        std::cout << answer.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+        printJson(Json{{"error", message}});
     }
-    else
-    {
-        print(answer, std::cout);
-    }
-    return 0;
+    std::cerr << "egw: " << message << '\n';
+    return status;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
+    EGW_SetAssertHandler(keepGatewayReport);
     CLI::App app{"egw: loads a panel configuration into the panel simulator through the element "
                  "gateway, shows its elements, changes them and follows their events."};
-    app.require_subcommand(1, 1);
+    app.require_subcommand(0, 1);
     app.fallthrough();
+    app.set_version_flag("--version", std::string("egw ") + EGW_VERSION);
     Options options;
     Request request;
     app.add_option("--types", options.typesFile, "type library file (default: the sample)")
@@ -247,6 +408,16 @@ int main(int argc, char** argv)
     app.add_option("--panel", options.panelFile, "panel configuration file (default: the sample)")
         ->check(CLI::ExistingFile);
     app.add_flag("--json", options.json, "machine-readable output");
+    app.add_option("--connect", options.connection.hostPort,
+                   "work on the panel that egwd serves at HOST:PORT instead of a loaded one");
+    app.add_flag("--compact", options.connection.compact,
+                 "with --connect: the compact protocol (as egwd --protocol compact)");
+    app.add_option("--level", options.connection.level,
+                   "with --connect: the access level to log in at (2 to 4; 1: none)")
+        ->check(CLI::Range(1, 4));
+    app.add_option("--password", options.connection.password,
+                   "with --connect: the password of that level")
+        ->envname("EGW_PASSWORD");
 
     const auto element = [&](CLI::App* command) {
         command->add_option("element", request.element, "uuid, or key in the panel file")
@@ -266,11 +437,17 @@ int main(int argc, char** argv)
     CLI::App* state = app.add_subcommand("state", "read or set one state group");
     element(state);
     state->add_option("group", request.group, "state group name or id")->required();
-    state->add_option("value", request.value, "state value name or id to set");
+    CLI::Option* stateValue =
+        state->add_option("value", request.value, "state value name or id to set");
     CLI::App* command = app.add_subcommand("command", "execute a command on an element");
     element(command);
-    command->add_option("command", request.command, "command id")->required();
+    command->add_option("command", request.commandId, "command id")->required();
     app.add_subcommand("events", "follow the events of a scripted sequence of changes");
+    app.add_subcommand("types", "the element types of the type library, as a Markdown page");
+    CLI::App* exportCommand =
+        app.add_subcommand("export", "write the element tree as a panel configuration file");
+    exportCommand->add_option("-o,--output", request.output, "file to write; - for standard output")
+        ->default_val("-");
     CLI::App* generate = app.add_subcommand("generate", "write a large panel file");
     generate->add_option("--loops", request.loops, "loop cards")
         ->required()
@@ -278,24 +455,67 @@ int main(int argc, char** argv)
     generate->add_option("--devices", request.devices, "devices per loop")
         ->required()
         ->check(CLI::Range(1u, 65535u));
-    generate->add_option("-o,--output", request.output, "file to write")->required();
+    generate->add_option("-o,--output", request.output, "file to write; - for standard output")
+        ->required();
 
+    // Words that name no command or option are kept, so that the refusal can name them; each
+    // command refuses its own.
+    app.allow_extras();
+    // A refused command line is not parsed to the end, so --json is looked for among the words.
+    const bool json = std::any_of(
+        argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
     try
     {
         app.parse(argc, argv);
-        return run(app, options, request);
+        const std::vector<std::string> unknown = app.remaining();
+        const auto refused = [&](const std::string& word) {
+            return (word.rfind('-', 0) == 0 ? "unknown option \"" : "unexpected word \"") + word +
+                   "\"";
+        };
+        if (app.get_subcommands().empty())
+        {
+            std::string commands;
+            for (const CLI::App* sub : app.get_subcommands({}))
+            {
+                commands += (commands.empty() ? "" : ", ") + sub->get_name();
+            }
+            throw UsageError(unknown.empty() ? "a command is required (one of: " + commands + ")"
+                             : unknown.front().rfind('-', 0) == 0
+                                 ? refused(unknown.front())
+                                 : "unknown command \"" + unknown.front() +
+                                       "\" (commands: " + commands + ")");
+        }
+        request.command = app.get_subcommands().front()->get_name();
+        if (!unknown.empty())
+        {
+            throw UsageError(request.command + ": " + refused(unknown.front()));
+        }
+        request.valueGiven = stateValue->count() != 0;
+        run(options, request);
+        return 0;
     }
     catch (const CLI::ParseError& e)
     {
-        return app.exit(e);
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+        {
+            return app.exit(e); // --help, --version
+        }
+        const std::vector<CLI::App*> chosen = app.get_subcommands();
+        return refuse(json,
+                      (chosen.empty() ? std::string() : chosen.front()->get_name() + ": ") +
+                          e.what() + " (egw --help shows the usage)",
+                      2);
+    }
+    catch (const UsageError& e)
+    {
+        return refuse(json, e.what(), 2);
     }
     catch (const ToolError& e)
     {
-        if (options.json)
-        {
-            std::cout << Json{{"error", e.what()}}.dump(2) << '\n';
-        }
-        std::cerr << "egw: " << e.what() << '\n';
-        return 1;
+        return refuse(json, e.what(), 1);
+    }
+    catch (const GatewayError& e)
+    {
+        return refuse(json, e.what(), 1);
     }
 }

@@ -2,6 +2,7 @@
 // and the event detail that the panel's display shows for an element.
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <ostream>
 
 #include "tools/egwTool.h"
@@ -72,14 +73,14 @@ std::string summaryLine(const Json& e)
 }
 
 // The address records of the element and its ancestors as one dotted text, the root's first.
-std::string addressPath(UINT32 uuid)
+std::string addressPath(const Panel& panel, UINT32 uuid)
 {
     std::vector<S_EGW_THRIFT_ADDRESS_STRUCT> records;
-    for (UINT32 at = uuid; at != 0; at = EGW_ELementServerGetParentUuid(at, nullptr))
+    for (UINT32 at = uuid; at != 0; at = panel.gateway().parent(at))
     {
         EGW_THRIFT_ADDRESS_STRUCT record{};
         // Only the number types that the text form accepts (5, 6, 7, 15, 16, 19) are shown.
-        if (EGW_GetThriftAddressStructByUuid(record, at, nullptr) == TRUE &&
+        if (panel.gateway().addressRecord(at, record) &&
             record.mDataType <= 19 && ((0x980E0u >> record.mDataType) & 1u) != 0)
         {
             records.push_back(record);
@@ -90,31 +91,18 @@ std::string addressPath(UINT32 uuid)
     return text.substr(0, text.size() - 1); // without the closing zero byte
 }
 
-Json tree(const Panel& panel, UINT32 uuid)
+void walk(const Panel& panel, UINT32 uuid, std::size_t depth, const TreeVisitor& visit)
 {
-    Json node = elementSummary(panel, uuid);
-    std::vector<int> children;
-    EGW_ELementServerGetChildrenUuidList(children, uuid, nullptr);
+    const std::vector<UINT32> children = panel.gateway().children(uuid);
+    const Json summary = elementSummary(panel, uuid);
+    visit(&summary, depth, !children.empty());
+    for (UINT32 child : children)
+    {
+        walk(panel, child, depth + 1, visit);
+    }
     if (!children.empty())
     {
-        node["children"] = Json::array();
-        for (int child : children)
-        {
-            node["children"].push_back(tree(panel, static_cast<UINT32>(child)));
-        }
-    }
-    return node;
-}
-
-void printTreeNode(const Json& node, std::ostream& out, std::size_t depth)
-{
-    out << std::string(2 * depth, ' ') << summaryLine(node) << '\n';
-    if (node.contains("children"))
-    {
-        for (const Json& child : node["children"])
-        {
-            printTreeNode(child, out, depth + 1);
-        }
+        visit(nullptr, depth, false);
     }
 }
 
@@ -129,9 +117,9 @@ std::string hexText(UINT32 value, int digits)
 
 Json elementSummary(const Panel& panel, UINT32 uuid)
 {
-    const UINT32 type = EGW_ElementServerGetElementTypeByUuid(uuid, nullptr);
-    std::string idString;
-    EGW_ElementServerGetIDStringOfElement(idString, uuid, nullptr);
+    PanelGateway& gateway = panel.gateway();
+    const UINT32 type = gateway.type(uuid);
+    const std::string idString = gateway.idString(uuid);
     UINT32 address = 0;
     Json j;
     j["uuid"] = uuid;
@@ -144,13 +132,11 @@ Json elementSummary(const Panel& panel, UINT32 uuid)
     j["typeName"] = panel.names().nameOf(IdKind::ElementType, type);
     j["idString"] = idString;
     j["address"] =
-        EGW_ElementServerGetPropertyIntDataById(uuid, kAddressProperty, address, nullptr) == TRUE
-            ? Json(address)
-            : Json(nullptr);
+        gateway.integer(uuid, kAddressProperty, address) ? Json(address) : Json(nullptr);
     UINT32 labelProperty = 0;
     if (panel.names().idOf(IdKind::Property, "Label", labelProperty))
     {
-        const Json label = Json::parse(panelconfig::readPropertyValue(uuid, labelProperty));
+        const Json label = Json::parse(gateway.propertyJson(uuid, labelProperty));
         if (label.is_string() && !label.get<std::string>().empty())
         {
             j["label"] = label;
@@ -162,8 +148,7 @@ Json elementSummary(const Panel& panel, UINT32 uuid)
 Json eventDetail(const Panel& panel, UINT32 uuid)
 {
     ENENT_FIELD field{};
-    ENEventFormat format;
-    const int category = format.GetEventDetails(uuid, field);
+    const int category = panel.gateway().eventDetail(uuid, field);
     return {{"category", category},
             {"categoryName", kCategoryNames[category]},
             {"element", party(panel, field.SelfID, field.SelfAddress)},
@@ -173,42 +158,118 @@ Json eventDetail(const Panel& panel, UINT32 uuid)
              field.HasProxy ? party(panel, field.ProxyID, field.ProxyAddress) : Json(nullptr)}};
 }
 
-Json treeCommand(const Panel& panel)
+void treeCommand(const Panel& panel, const TreeVisitor& visit)
 {
-    return tree(panel, EGW_ELementServerGetTreeRoot(nullptr));
+    walk(panel, panel.gateway().root(), 0, visit);
+}
+
+Json treeAnswer(const Panel& panel)
+{
+    Json root;
+    std::vector<Json*> open; // the elements whose children are being added
+    treeCommand(panel, [&](const Json* summary, std::size_t, bool hasChildren) {
+        if (summary == nullptr)
+        {
+            open.pop_back();
+            return;
+        }
+        Json* node = &root;
+        if (!open.empty())
+        {
+            open.back()->at("children").push_back(*summary);
+            node = &open.back()->at("children").back();
+        }
+        else
+        {
+            root = *summary;
+        }
+        if (hasChildren)
+        {
+            (*node)["children"] = Json::array();
+            open.push_back(node);
+        }
+    });
+    return root;
 }
 
 void printTree(const Json& answer, std::ostream& out)
 {
-    printTreeNode(answer, out, 0);
+    std::vector<std::pair<const Json*, std::size_t>> pending{{&answer, 0}};
+    while (!pending.empty())
+    {
+        const auto [node, depth] = pending.back();
+        pending.pop_back();
+        out << std::string(2 * depth, ' ') << summaryLine(*node) << '\n';
+        if (node->contains("children"))
+        {
+            const Json& children = node->at("children");
+            for (auto child = children.rbegin(); child != children.rend(); ++child)
+            {
+                pending.emplace_back(&*child, depth + 1);
+            }
+        }
+    }
+}
+
+TreeVisitor treeText(std::ostream& out)
+{
+    return [&out](const Json* summary, std::size_t depth, bool) {
+        if (summary != nullptr)
+        {
+            out << std::string(2 * depth, ' ') << summaryLine(*summary) << '\n';
+        }
+    };
+}
+
+TreeVisitor treeJson(std::ostream& out)
+{
+    // Each element's members, then its children: {..., "children": [...]}, one element a line.
+    auto first = std::make_shared<bool>(true);
+    return [&out, first](const Json* summary, std::size_t, bool hasChildren) {
+        if (summary == nullptr)
+        {
+            out << "]}";
+            *first = false;
+            return;
+        }
+        std::string text = summary->dump(-1, ' ', false, Json::error_handler_t::replace);
+        out << (*first ? "" : ",\n");
+        if (hasChildren)
+        {
+            text.pop_back();
+            out << text << ", \"children\": [\n";
+            *first = true;
+        }
+        else
+        {
+            out << text;
+            *first = false;
+        }
+    };
 }
 
 Json showCommand(const Panel& panel, UINT32 uuid)
 {
-    const UINT32 type = EGW_ElementServerGetElementTypeByUuid(uuid, nullptr);
+    PanelGateway& gateway = panel.gateway();
+    const UINT32 type = gateway.type(uuid);
     Json j = elementSummary(panel, uuid);
-    j["parent"] = EGW_ELementServerGetParentUuid(uuid, nullptr);
-    j["addressText"] = addressPath(uuid);
+    j["parent"] = gateway.parent(uuid);
+    j["addressText"] = addressPath(panel, uuid);
 
-    std::vector<EGW_PropertyDef_Thrift> properties;
-    EGW_ELementServerGetPropertyInformationList(type, properties);
     j["properties"] = Json::array();
-    for (const EGW_PropertyDef_Thrift& definition : properties)
+    for (const PropertyInfo& definition : gateway.properties(type))
     {
         j["properties"].push_back(
-            {{"id", hexText(definition.PropertyID)},
-             {"name", panel.names().nameOf(IdKind::Property, definition.PropertyID)},
-             {"storage", EGW_ElementServerGetPropertyTypeById(definition.PropertyID)},
-             {"value", Json::parse(panelconfig::readPropertyValue(uuid, definition.PropertyID))}});
+            {{"id", hexText(definition.id)},
+             {"name", panel.names().nameOf(IdKind::Property, definition.id)},
+             {"storage", definition.storage},
+             {"value", Json::parse(gateway.propertyJson(uuid, definition.id))}});
     }
 
-    std::vector<unsigned int> groups;
-    EGW_ElementServerGetStateGroupIdListByElementTypeId(groups, type);
     j["states"] = Json::array();
-    for (unsigned int group : groups)
+    for (const UINT32 group : gateway.stateGroups(type))
     {
-        UINT32 value = 0;
-        EGW_ELementServerGetStateValueByUuid(value, uuid, group, nullptr);
+        const UINT32 value = gateway.state(uuid, group);
         j["states"].push_back({{"group", panel.idText(IdKind::StateGroup, group)},
                                {"value", value != 0 ? Json(panel.idText(IdKind::StateValue, value))
                                                     : Json(nullptr)}});
@@ -217,11 +278,9 @@ Json showCommand(const Panel& panel, UINT32 uuid)
     j["relations"] = Json::array();
     for (UINT32 relation : kShownRelations)
     {
-        for (const int forward : {1, 0})
+        for (const bool forward : {true, false})
         {
-            std::vector<int> related;
-            EGW_ElementServerGetReferenceRelations(related, uuid, relation, forward, nullptr);
-            for (int other : related)
+            for (const UINT32 other : gateway.related(uuid, relation, forward))
             {
                 j["relations"].push_back({{"type", hexText(relation)},
                                           {"direction", forward ? "to" : "from"},
@@ -281,17 +340,36 @@ void printShow(const Json& answer, std::ostream& out)
     printEventDetail(answer["event"], out, "  ");
 }
 
+namespace
+{
+
+void requireProperty(const Panel& panel, UINT32 uuid, UINT32 propertyId)
+{
+    const UINT32 type = panel.gateway().type(uuid);
+    const std::vector<PropertyInfo> properties = panel.gateway().properties(type);
+    if (std::none_of(properties.begin(), properties.end(),
+                     [&](const PropertyInfo& p) { return p.id == propertyId; }))
+    {
+        throw ToolError("element type " + panel.idText(IdKind::ElementType, type) +
+                        " has no property " + panel.idText(IdKind::Property, propertyId));
+    }
+}
+
+} // namespace
+
 Json getCommand(const Panel& panel, UINT32 uuid, UINT32 propertyId)
 {
+    requireProperty(panel, uuid, propertyId);
     return {{"uuid", uuid},
             {"property", panel.idText(IdKind::Property, propertyId)},
-            {"value", Json::parse(panelconfig::readPropertyValue(uuid, propertyId))}};
+            {"value", Json::parse(panel.gateway().propertyJson(uuid, propertyId))}};
 }
 
 Json setCommand(const Panel& panel, UINT32 uuid, UINT32 propertyId, const std::string& value)
 {
+    requireProperty(panel, uuid, propertyId);
     std::string error;
-    if (!panelconfig::writePropertyValue(uuid, propertyId, value, error))
+    if (!panel.gateway().writeProperty(uuid, propertyId, value, error))
     {
         throw ToolError(error);
     }
@@ -300,9 +378,8 @@ Json setCommand(const Panel& panel, UINT32 uuid, UINT32 propertyId, const std::s
 
 Json stateCommand(const Panel& panel, UINT32 uuid, UINT32 groupId, const std::string* value)
 {
-    std::vector<unsigned int> groups;
-    EGW_ElementServerGetStateGroupIdListByElementTypeId(
-        groups, EGW_ElementServerGetElementTypeByUuid(uuid, nullptr));
+    PanelGateway& gateway = panel.gateway();
+    const std::vector<UINT32> groups = gateway.stateGroups(gateway.type(uuid));
     if (std::find(groups.begin(), groups.end(), groupId) == groups.end())
     {
         throw ToolError("the element has no state group " +
@@ -311,43 +388,32 @@ Json stateCommand(const Panel& panel, UINT32 uuid, UINT32 groupId, const std::st
     if (value != nullptr)
     {
         const UINT32 wanted = panel.id(IdKind::StateValue, *value);
-        std::vector<unsigned int> values;
-        EGW_GetAllStatusInGroup(groupId, values);
+        const std::vector<UINT32> values = gateway.stateValues(groupId);
         if (std::find(values.begin(), values.end(), wanted) == values.end())
         {
             throw ToolError("state group " + panel.idText(IdKind::StateGroup, groupId) +
                             " cannot take " + panel.idText(IdKind::StateValue, wanted));
         }
-        if (EGW_ELementServerSetStateValueByUuid(wanted, uuid, groupId, nullptr) != TRUE)
-        {
-            throw ToolError("the element server refused the state value");
-        }
+        gateway.setState(uuid, groupId, wanted);
     }
-    UINT32 current = 0;
-    EGW_ELementServerGetStateValueByUuid(current, uuid, groupId, nullptr);
+    const UINT32 current = gateway.state(uuid, groupId);
     return {
         {"uuid", uuid},
         {"group", panel.idText(IdKind::StateGroup, groupId)},
         {"value", current != 0 ? Json(panel.idText(IdKind::StateValue, current)) : Json(nullptr)}};
 }
 
-Json commandCommand(UINT32 uuid, UINT32 commandId)
+Json commandCommand(const Panel& panel, UINT32 uuid, UINT32 commandId)
 {
-    std::vector<unsigned int> commands;
-    EGW_ELementServerGetCommandListByElementTypeId(
-        commands, EGW_ElementServerGetElementTypeByUuid(uuid, nullptr));
+    PanelGateway& gateway = panel.gateway();
+    const std::vector<UINT32> commands = gateway.commands(gateway.type(uuid));
     const UINT32 tagged = (commandId & 0xFFFF0000u) != 0 ? commandId : (0x10000u | commandId);
     if (std::find(commands.begin(), commands.end(), tagged) == commands.end())
     {
         throw ToolError("the element's type has no command " + hexText(tagged));
     }
-    const INT32 status = EGW_ElementServerExecuteCommand(uuid, tagged, 0, nullptr, 0, nullptr);
-    if (status != 0)
-    {
-        throw ToolError("the element server refused the command (status " + std::to_string(status) +
-                        ")");
-    }
-    return {{"uuid", uuid}, {"command", hexText(tagged)}, {"status", status}};
+    gateway.execute(uuid, tagged);
+    return {{"uuid", uuid}, {"command", hexText(tagged)}, {"status", 0}};
 }
 
 void printValue(const Json& answer, std::ostream& out)

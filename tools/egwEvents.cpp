@@ -5,7 +5,6 @@
 #include <ostream>
 #include <set>
 
-#include "panelsim/panelsim.h"
 #include "tools/egwTool.h"
 
 namespace egwtool
@@ -66,31 +65,30 @@ std::string valueText(const Panel& panel, UINT32 value)
     return value != 0 ? panel.names().nameOf(IdKind::StateValue, value) : std::string("none");
 }
 
-// The elements of the panel, in file order, whose type passes the test.
+// The elements of the panel, in pre-order (a panel file's order), whose type passes the test.
 template <typename Test>
 std::vector<UINT32> elementsWhere(const Panel& panel, Test test)
 {
     std::vector<UINT32> found;
-    for (const panelconfig::LoadedElement& element : panel.loaded().elements)
+    for (const UINT32 uuid : panel.gateway().allElements())
     {
-        if (test(EGW_ElementServerGetElementTypeByUuid(element.uuid, nullptr)))
+        if (test(panel.gateway().type(uuid)))
         {
-            found.push_back(element.uuid);
+            found.push_back(uuid);
         }
     }
     return found;
 }
 
-// Subscribes the display module to the state changes of each type once; the subscribed types.
-Json subscribeTypes(const Panel& panel, const std::vector<UINT32>& elements)
+// Follows the state changes of each type once; the followed types.
+Json followTypes(const Panel& panel, const std::vector<UINT32>& elements)
 {
     std::set<UINT32> done;
     Json types = Json::array();
     for (UINT32 uuid : elements)
     {
-        const UINT32 type = EGW_ElementServerGetElementTypeByUuid(uuid, nullptr);
-        if (done.insert(type).second &&
-            EGW_BASIC_THRIFT_SubscribeAllStateChange(kDisplayModule, type, nullptr) == TRUE)
+        const UINT32 type = panel.gateway().type(uuid);
+        if (done.insert(type).second && panel.gateway().followStateChanges(type))
         {
             types.push_back(panel.idText(IdKind::ElementType, type));
         }
@@ -102,19 +100,39 @@ Json setState(const Panel& panel, UINT32 uuid, const char* group, const char* va
 {
     const UINT32 groupId = panel.id(IdKind::StateGroup, group);
     const UINT32 valueId = panel.id(IdKind::StateValue, value);
-    if (EGW_ELementServerSetStateValueByUuid(valueId, uuid, groupId, nullptr) != TRUE)
+    try
     {
-        throw ToolError(std::string("the element server refused ") + group + " " + value +
-                        " on element " + std::to_string(uuid));
+        panel.gateway().setState(uuid, groupId, valueId);
+    }
+    catch (const GatewayError& e)
+    {
+        throw ToolError(std::string("the panel refused ") + group + " " + value + " on element " +
+                        std::to_string(uuid) + ": " + e.what());
     }
     return {{"element", elementSummary(panel, uuid)}, {"group", group}, {"value", value}};
 }
 
-Json delivered(const Panel& panel, const panelsim::Event& event)
+Json delivered(const Panel& panel, const DeliveredEvent& event)
 {
     return {{"eventId", hexText(event.eventId, 8)},
             {"uuid", event.uuid},
             {"decoded", decodeStateChange(panel, event.data)}};
+}
+
+// The events that one change brought: the first is waited for, the rest are those already there.
+Json eventsOf(const Panel& panel, const char* what)
+{
+    Json events = Json::array();
+    DeliveredEvent event;
+    if (!panel.gateway().nextEvent(event, std::chrono::seconds(2)))
+    {
+        throw ToolError(std::string("the ") + what + " was not delivered to the tool");
+    }
+    do
+    {
+        events.push_back(delivered(panel, event));
+    } while (panel.gateway().nextEvent(event, std::chrono::milliseconds(0)));
+    return events;
 }
 
 // The display's lines for one decoded state change.
@@ -141,8 +159,7 @@ Json decodeStateChange(const Panel& panel, const std::string& data)
     EGW_CONTROLPARA record{};
     const BOOL valid =
         EGW_BASIC_UnpackStateChangeInforData(record, data.data(), static_cast<UINT32>(data.size()));
-    std::string idString;
-    EGW_ElementServerGetIDStringOfElement(idString, record.mUuid, nullptr);
+    const std::string idString = panel.gateway().idString(record.mUuid);
     // The element server puts the new value first and the one it replaced second.
     return {{"valid", valid == TRUE},
             {"uuid", record.mUuid},
@@ -159,24 +176,28 @@ Json demoCommand(const Panel& panel)
     ENEventFormat format;
     const std::vector<UINT32> detectors =
         elementsWhere(panel, [&](UINT32 type) { return format.IsDetector(type); });
-    if (detectors.empty())
+    const std::vector<UINT32> sounders =
+        elementsWhere(panel, [&](UINT32 type) { return format.IsAddresSounder(type); });
+    if (detectors.empty() || sounders.empty())
     {
-        throw ToolError("the panel has no detector to raise an alarm on");
+        throw ToolError("the demo needs a detector to raise an alarm on and a sounder to silence");
     }
     Json answer;
-    answer["panel"] = panel.loaded().name;
-    answer["tree"] = treeCommand(panel);
-    answer["module"] = kDisplayModule;
-    answer["subscribedTypes"] = subscribeTypes(panel, detectors);
-    EGW_ELementServerOpenEventDispatcher(nullptr);
+    answer["panel"] = panel.gateway().panelName();
+    answer["tree"] = treeAnswer(panel);
+    std::vector<UINT32> followed = {detectors.front(), sounders.front()};
+    answer["subscribedTypes"] = followTypes(panel, followed);
+    // The fire alarm, the sounder that the panel's cause and effect sounds, and the operator's
+    // silencing of it; then the panel is put back to normal.
     answer["raised"] = setState(panel, detectors.front(), "FireAlarmState", "FireAlarm");
-    panelsim::Event event;
-    if (!panelsim::waitEvent(kDisplayModule, event, std::chrono::seconds(2)))
-    {
-        throw ToolError("the fire alarm was not delivered to the display module");
-    }
-    answer["event"] = delivered(panel, event);
-    EGW_ELementServerCloseEventDispatcher(nullptr);
+    answer["event"] = eventsOf(panel, "fire alarm").at(0);
+    setState(panel, sounders.front(), "OutputState", "Activated");
+    eventsOf(panel, "sounder's activation");
+    answer["silenced"] = setState(panel, sounders.front(), "OutputState", "Silenced");
+    answer["silenceEvent"] = eventsOf(panel, "silencing").at(0);
+    setState(panel, sounders.front(), "OutputState", "Normal");
+    setState(panel, detectors.front(), "FireAlarmState", "Normal");
+    eventsOf(panel, "reset");
     return answer;
 }
 
@@ -184,18 +205,23 @@ void printDemo(const Json& answer, std::ostream& out)
 {
     out << "Panel: " << answer["panel"].get<std::string>() << "\n\n";
     printTree(answer["tree"], out);
-    out << "\nModule " << answer["module"].get<UINT32>() << " subscribed to the state changes of:";
+    out << "\nSubscribed to the state changes of:";
     for (const Json& type : answer["subscribedTypes"])
     {
         out << "\n  " << type.get<std::string>();
     }
-    const Json& raised = answer["raised"];
-    out << "\n\nRaised " << raised["group"].get<std::string>() << " "
-        << raised["value"].get<std::string>() << " on #" << raised["element"]["uuid"].get<UINT32>()
-        << "\n"
-        << "Delivered event " << answer["event"]["eventId"].get<std::string>() << "\n\n"
-        << "Panel display:\n";
-    printDisplay(answer["event"]["decoded"], out);
+    for (const auto& [action, event] : {std::pair<const char*, const char*>{"raised", "event"},
+                                        {"silenced", "silenceEvent"}})
+    {
+        const Json& done = answer[action];
+        out << "\n\n"
+            << (std::string(action) == "raised" ? "Raised " : "Silenced: ")
+            << done["group"].get<std::string>() << " " << done["value"].get<std::string>()
+            << " on #" << done["element"]["uuid"].get<UINT32>() << "\n"
+            << "Delivered event " << answer[event]["eventId"].get<std::string>() << "\n\n"
+            << "Panel display:\n";
+        printDisplay(answer[event]["decoded"], out);
+    }
 }
 
 Json eventsCommand(const Panel& panel)
@@ -224,35 +250,22 @@ Json eventsCommand(const Panel& panel)
         {detectors[0], "FireAlarmState", "Normal"},
         {detectors[1], "FaultState", "Normal"},
     };
-    std::vector<UINT32> everything;
-    for (const panelconfig::LoadedElement& element : panel.loaded().elements)
-    {
-        everything.push_back(element.uuid);
-    }
     Json answer;
-    answer["module"] = kDisplayModule;
-    answer["subscribedTypes"] = subscribeTypes(panel, everything);
-    EGW_ELementServerOpenEventDispatcher(nullptr);
+    answer["subscribedTypes"] = followTypes(panel, panel.gateway().allElements());
     answer["steps"] = Json::array();
     for (const Step& step : script)
     {
         Json done = setState(panel, step.uuid, step.group, step.value);
-        done["events"] = Json::array();
-        panelsim::Event event;
-        while (panelsim::takeEvent(kDisplayModule, event))
-        {
-            done["events"].push_back(delivered(panel, event));
-        }
+        done["events"] = eventsOf(panel, "state change");
         answer["steps"].push_back(std::move(done));
     }
-    EGW_ELementServerCloseEventDispatcher(nullptr);
     return answer;
 }
 
 void printEvents(const Json& answer, std::ostream& out)
 {
-    out << "Module " << answer["module"].get<UINT32>() << " subscribed to the state changes of "
-        << answer["subscribedTypes"].size() << " element types\n";
+    out << "Subscribed to the state changes of " << answer["subscribedTypes"].size()
+        << " element types\n";
     for (const Json& step : answer["steps"])
     {
         out << "\n"

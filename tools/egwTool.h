@@ -4,6 +4,7 @@
 #ifndef TOOLS_EGW_TOOL_H
 #define TOOLS_EGW_TOOL_H
 
+#include <functional>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
@@ -13,17 +14,25 @@
 
 #include "elementGateway.h"
 #include "tools/panelConfig.h"
+#include "tools/panelGateway.h"
 
 namespace egwtool
 {
 
 using Json = nlohmann::ordered_json;
 
-// A refusal of the command line or of the panel: printed as one message, exit status 1.
+// A refusal of the panel or of what a command asks: printed as one message, exit status 1.
 class ToolError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// A command line that cannot be used: printed as one message, exit status 2.
+class UsageError : public ToolError
+{
+public:
+    using ToolError::ToolError;
 };
 
 struct Options
@@ -31,16 +40,40 @@ struct Options
     std::string typesFile; // empty: the simulator's sample type library
     std::string panelFile; // empty: the sample panel compiled into the tool
     bool json = false;
+    Connection connection; // a remote panel when its hostPort is given
 };
 
-// The module that the tool subscribes for: the panel's display manager.
-constexpr UINT32 kDisplayModule = 5;
+// Shows how far long work has come: a bar on standard error when it is a terminal, nothing
+// otherwise. Each call of `step` gives the share done, 0 to 1; the bar is wiped when done.
+class ProgressBar
+{
+public:
+    explicit ProgressBar(const char* label);
+    ~ProgressBar();
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
 
-// The type library put in force and the panel loaded into the simulator's element tree.
+    void step(double done);
+    panelconfig::Progress callback()
+    {
+        return [this](double done) { step(done); };
+    }
+
+private:
+    const char* label_;
+    bool shown_;
+    int drawn_ = -1;
+};
+
+// The type library put in force and, unless left out, the panel: loaded into the simulator's
+// element tree, or a remote panel service's (--connect). The commands ask it through gateway().
 class Panel
 {
 public:
-    explicit Panel(const Options& options);
+    explicit Panel(const Options& options, bool withPanel = true);
+
+    PanelGateway& gateway() const { return *gateway_; }
+    bool remote() const { return remote_; }
 
     const panelconfig::Vocabulary& names() const { return names_; }
     const panelconfig::LoadedPanel& loaded() const { return loaded_; }
@@ -49,13 +82,18 @@ public:
     UINT32 element(const std::string& uuidOrKey) const;
     // An id named by its type library name or number; refused when neither.
     UINT32 id(panelconfig::IdKind kind, const std::string& text) const;
-    std::string keyOf(UINT32 uuid) const;
+    std::string keyOf(UINT32 uuid) const { return gateway_->keyOf(uuid); }
     // "0x70048 OpticalSmokeDetector", or the number alone when it has no name.
     std::string idText(panelconfig::IdKind kind, UINT32 id) const;
+    // Where the type library came from: its file, or the sample's name.
+    const std::string& typesSource() const { return typesSource_; }
 
 private:
+    std::string typesSource_;
     panelconfig::Vocabulary names_;
     panelconfig::LoadedPanel loaded_;
+    bool remote_ = false;
+    std::unique_ptr<PanelGateway> gateway_;
 };
 
 // ---- Descriptions -------------------------------------------------------------------------------
@@ -73,17 +111,31 @@ std::string hexText(UINT32 value, int digits = 0);
 
 // ---- Commands -----------------------------------------------------------------------------------
 
-Json treeCommand(const Panel& panel);
+// The tree, element by element in depth-first order, handed to `visit` as it is walked, so that a
+// panel of any size is printed without being held: each element's summary, its depth, whether
+// children follow, and after an element's last child a call with a null summary.
+using TreeVisitor = std::function<void(const Json* summary, std::size_t depth, bool hasChildren)>;
+void treeCommand(const Panel& panel, const TreeVisitor& visit);
+// The whole tree as one answer, each element's children in its "children"; for small panels.
+Json treeAnswer(const Panel& panel);
+// The element types of the type library in force, each with its properties, state groups,
+// commands and child types.
+Json typesCommand(const Panel& panel);
 Json showCommand(const Panel& panel, UINT32 uuid);
 Json getCommand(const Panel& panel, UINT32 uuid, UINT32 propertyId);
 Json setCommand(const Panel& panel, UINT32 uuid, UINT32 propertyId, const std::string& value);
 Json stateCommand(const Panel& panel, UINT32 uuid, UINT32 groupId, const std::string* value);
-Json commandCommand(UINT32 uuid, UINT32 commandId);
+Json commandCommand(const Panel& panel, UINT32 uuid, UINT32 commandId);
 Json demoCommand(const Panel& panel);
 Json eventsCommand(const Panel& panel);
 
 // The text form of each command's answer.
+// The tree's printers: one line an element, indented; or one JSON document of nested elements.
+TreeVisitor treeText(std::ostream& out);
+TreeVisitor treeJson(std::ostream& out);
 void printTree(const Json& answer, std::ostream& out);
+// The type reference as a Markdown page.
+void printTypes(const Json& answer, std::ostream& out);
 void printShow(const Json& answer, std::ostream& out);
 void printValue(const Json& answer, std::ostream& out);
 void printDemo(const Json& answer, std::ostream& out);

@@ -1,10 +1,10 @@
 // Large panels for benchmarks: a card rack of loop cards, each driving one loop of addressable
 // devices, with one input zone and one evacuation zone per loop. The element types are those of
-// the sample type library.
-#include <cstdio>
+// the sample type library. The file is written as it is made, one element a line, so that a panel
+// of millions of elements never stands in memory.
+#include <ostream>
+#include <sstream>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "tools/panelConfig.h"
 
@@ -13,116 +13,175 @@ namespace panelconfig
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
 constexpr const char* kProxy = "0x20002";
 constexpr const char* kZoneMember = "0x20001";
 // The card rack has eight loop-card slot types; larger panels use them again in turn.
 constexpr unsigned kLoopCardSlots = 8;
 
-std::string loopCardType(unsigned loop)
+class Writer
 {
-    return "LoopCard" + std::to_string((loop - 1) % kLoopCardSlots + 1);
-}
-
-Json element(const std::string& key, const char* type, unsigned address)
-{
-    Json j;
-    if (!key.empty())
+public:
+    Writer(std::ostream& out, unsigned long long total, const Progress& progress)
+        : out_(out), total_(total), progress_(progress)
     {
-        j["key"] = key;
     }
-    j["type"] = type;
-    j["properties"] = {{"Address", address}};
-    return j;
+
+    // Writes an element's members up to its children: `more` holds further properties after
+    // the address, `relations` the relation list's items.
+    void open(const std::string& key, const std::string& type, unsigned address,
+              const std::string& more = std::string())
+    {
+        head(key, type, address, more, std::string());
+        line_ += ",\"children\":[\n";
+        first_ = true;
+        flush();
+    }
+    void close()
+    {
+        line_ += "\n]}";
+        first_ = false;
+    }
+    void leaf(const std::string& key, const std::string& type, unsigned address,
+              const std::string& more = std::string(), const std::string& relations = std::string())
+    {
+        head(key, type, address, more, relations);
+        line_ += "}";
+        first_ = false;
+    }
+    void flush()
+    {
+        out_ << line_;
+        line_.clear();
+    }
+
+private:
+    void head(const std::string& key, const std::string& type, unsigned address,
+              const std::string& more, const std::string& relations)
+    {
+        line_ += first_ ? "" : ",\n";
+        line_ += "{";
+        if (!key.empty())
+        {
+            line_ += "\"key\":\"" + key + "\",";
+        }
+        line_ += "\"type\":\"" + type + "\"";
+        if (address != 0)
+        {
+            line_ += ",\"properties\":{\"Address\":" + std::to_string(address) + more + "}";
+        }
+        if (!relations.empty())
+        {
+            line_ += ",\"relations\":[" + relations + "]";
+        }
+        if (++written_ % 65536 == 0)
+        {
+            flush();
+            if (progress_)
+            {
+                progress_(static_cast<double>(written_) / static_cast<double>(total_));
+            }
+        }
+    }
+
+    std::ostream& out_;
+    unsigned long long total_;
+    const Progress& progress_;
+    std::string line_;
+    bool first_ = true;
+    unsigned long long written_ = 0;
+};
+
+std::string relation(const char* type, const std::string& to)
+{
+    return std::string("{\"type\":\"") + type + "\",\"to\":\"" + to + "\"}";
 }
 
 // Device n of a loop: every tenth an input/output module with two channels, every fifth a sounder,
 // the others detectors, with a manual call point among every ten.
-Json device(unsigned loop, unsigned n)
+void device(Writer& w, unsigned loop, unsigned n)
 {
     static const char* const kDetectors[] = {"OpticalSmokeDetector", "HeatDetector",
                                              "MultiSensorDetector", "ManualCallPoint"};
-    const std::string zone = "zone-" + std::to_string(loop);
-    const std::string evacuation = "evac-" + std::to_string(loop);
-    const char* type = n % 10 == 0  ? "InputOutputModule"
-                       : n % 5 == 0 ? "LoopSounder"
-                                    : kDetectors[n % 4];
-    Json j = element(std::string(), type, n);
-    j["properties"]["DeviceId"] = loop * 0x10000u + n;
+    const std::string evacuation = relation(kProxy, "evac-" + std::to_string(loop));
+    const std::string deviceId = ",\"DeviceId\":" + std::to_string(loop * 0x10000u + n);
     if (n % 10 == 0)
     {
-        Json input = element(std::string(), "InputChannel", 1);
-        input["relations"] = Json::array({{{"type", kProxy}, {"to", evacuation}}});
-        Json output = element(std::string(), "OutputChannel", 2);
-        j["children"] = Json::array({input, output});
+        w.open(std::string(), "InputOutputModule", n, deviceId);
+        w.leaf(std::string(), "InputChannel", 1, std::string(), evacuation);
+        w.leaf(std::string(), "OutputChannel", 2);
+        w.close();
     }
     else if (n % 5 == 0)
     {
-        j["relations"] = Json::array({{{"type", kProxy}, {"to", evacuation}}});
+        w.leaf(std::string(), "LoopSounder", n, deviceId, evacuation);
     }
     else
     {
-        j["relations"] = Json::array(
-            {{{"type", kZoneMember}, {"to", zone}}, {{"type", kProxy}, {"to", evacuation}}});
+        w.leaf(std::string(), kDetectors[n % 4], n, deviceId,
+               relation(kZoneMember, "zone-" + std::to_string(loop)) + "," + evacuation);
     }
-    return j;
 }
 
 } // namespace
 
-std::string generatePanelText(unsigned loops, unsigned devicesPerLoop)
+unsigned long long generatedElementCount(unsigned loops, unsigned devicesPerLoop)
 {
-    Json cards = Json::array();
-    Json zones = Json::array();
-    Json evacuationZones = Json::array();
+    return 8ull + static_cast<unsigned long long>(loops) *
+                      (4ull + devicesPerLoop + 2ull * (devicesPerLoop / 10));
+}
+
+void generatePanel(std::ostream& out, unsigned loops, unsigned devicesPerLoop,
+                   const Progress& progress)
+{
+    Writer w(out, generatedElementCount(loops, devicesPerLoop), progress);
+    out << "{\"version\": 1, \"name\": \"Generated panel, " << loops << " loops of "
+        << devicesPerLoop << " devices\", \"root\":\n";
+    w.open("panel", "Panel", 1);
+    w.open(std::string(), "HardwareRoot", 0);
+    w.open(std::string(), "CardRack", 1);
     for (unsigned loop = 1; loop <= loops; ++loop)
     {
-        Json devices = Json::array();
+        w.open(std::string(), "LoopCard" + std::to_string((loop - 1) % kLoopCardSlots + 1), loop);
+        w.open(std::string(), "Loop", 1);
         for (unsigned n = 1; n <= devicesPerLoop; ++n)
         {
-            devices.push_back(device(loop, n));
+            device(w, loop, n);
         }
-        Json loopElement = element(std::string(), "Loop", 1);
-        loopElement["children"] = std::move(devices);
-        Json card = element(std::string(), loopCardType(loop).c_str(), loop);
-        card["children"] = Json::array({std::move(loopElement)});
-        cards.push_back(std::move(card));
-
-        const std::string suffix = std::to_string(loop);
-        Json zone = element("zone-" + suffix, "InputZone", loop);
-        zone["properties"]["ZoneText"] = "Loop " + suffix;
-        zones.push_back(std::move(zone));
-        Json evacuation = element("evac-" + suffix, "EvacuationZone", loop);
-        evacuation["properties"]["ZoneText"] = "Evacuation zone " + suffix;
-        evacuationZones.push_back(std::move(evacuation));
+        w.close();
+        w.close();
     }
+    w.close();
+    w.close();
+    w.open(std::string(), "DetectionRoot", 0);
+    w.open(std::string(), "InputZoneSection", 1);
+    w.open(std::string(), "InputZoneArea", 1);
+    for (unsigned loop = 1; loop <= loops; ++loop)
+    {
+        const std::string n = std::to_string(loop);
+        w.leaf("zone-" + n, "InputZone", loop, ",\"ZoneText\":\"Loop " + n + "\"");
+    }
+    w.close();
+    w.close();
+    w.open(std::string(), "EvacuationSection", 1);
+    w.open(std::string(), "EvacuationArea", 1);
+    for (unsigned loop = 1; loop <= loops; ++loop)
+    {
+        const std::string n = std::to_string(loop);
+        w.leaf("evac-" + n, "EvacuationZone", loop, ",\"ZoneText\":\"Evacuation zone " + n + "\"");
+    }
+    w.close();
+    w.close();
+    w.close();
+    w.close();
+    w.flush();
+    out << "\n}\n";
+}
 
-    Json rack = element(std::string(), "CardRack", 1);
-    rack["children"] = std::move(cards);
-    Json hardware = {{"type", "HardwareRoot"}, {"children", Json::array({std::move(rack)})}};
-
-    Json zoneArea = element(std::string(), "InputZoneArea", 1);
-    zoneArea["children"] = std::move(zones);
-    Json zoneSection = element(std::string(), "InputZoneSection", 1);
-    zoneSection["children"] = Json::array({std::move(zoneArea)});
-    Json evacuationArea = element(std::string(), "EvacuationArea", 1);
-    evacuationArea["children"] = std::move(evacuationZones);
-    Json evacuationSection = element(std::string(), "EvacuationSection", 1);
-    evacuationSection["children"] = Json::array({std::move(evacuationArea)});
-    Json detection = {
-        {"type", "DetectionRoot"},
-        {"children", Json::array({std::move(zoneSection), std::move(evacuationSection)})}};
-
-    Json root = element("panel", "Panel", 1);
-    root["children"] = Json::array({std::move(hardware), std::move(detection)});
-
-    Json file;
-    file["version"] = 1;
-    file["name"] = "Generated panel, " + std::to_string(loops) + " loops of " +
-                   std::to_string(devicesPerLoop) + " devices";
-    file["root"] = std::move(root);
-    return file.dump(1) + "\n";
+std::string generatePanelText(unsigned loops, unsigned devicesPerLoop)
+{
+    std::ostringstream text;
+    generatePanel(text, loops, devicesPerLoop);
+    return text.str();
 }
 
 } // namespace panelconfig

@@ -6,11 +6,15 @@
 #       `cmake --install` into a fresh prefix; the consumer finds it through the CMake package or
 #       through pkg-config.
 #   installTest.sh packages BUILD_DIR LIBDIR WORK_DIR [CMAKE_ARGS...]
-#       `cpack`: each Debian package holds its part and names its dependencies; the packages
-#       unpacked together build the consumer both ways.
+#       `cpack`: each Debian package holds its part; each is unpacked into a root of its own with
+#       nothing but the packages it declares, every library its files load must be there or come
+#       from a system package it declares, and what it ships runs there (egw; the consumer built
+#       both ways against the development package).
 #
 # LIBDIR is the build's CMAKE_INSTALL_LIBDIR. CMAKE_ARGS configure the consumer like the build
 # (compiler, toolchain, instrumentation); a cross build runs it through CONSUMER_EMULATOR.
+# CONSUMER_CXX and CONSUMER_FLAGS build the consumer by hand as the README says a pkg-config user
+# does; SYSTEM_LIBRARY_DIRS are where the target's C and C++ runtimes lie.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -73,6 +77,45 @@ run_consumer()
     read -r -a emulator <<<"${CONSUMER_EMULATOR:-}"
     "${emulator[@]}" "$work/consumer-$variant/gatewayConsumer" ||
         fail "the consumer ($variant) failed"
+    if [[ "$variant" == pkg-config ]]; then
+        # By hand, as a pkg-config user outside the system prefixes builds: the run path is the
+        # library directory that pkg-config names.
+        local -a flags
+        read -r -a flags <<<"${CONSUMER_FLAGS:-}"
+        export PKG_CONFIG_LIBDIR=$prefix/$libdir/pkgconfig PKG_CONFIG_PATH=''
+        local cxxflags libs libpath
+        cxxflags=$(pkg-config --cflags elementGateway)
+        libs=$(pkg-config --libs elementGateway)
+        libpath=$(pkg-config --variable=libdir elementGateway)
+        # shellcheck disable=SC2086 # pkg-config's flags are words
+        "${CONSUMER_CXX:-c++}" -std=c++17 "${flags[@]}" $cxxflags "$here/consumer/main.cpp" \
+            -o "$work/consumer-by-hand" $libs "-Wl,-rpath,$libpath" ||
+            fail "the consumer does not build by hand with pkg-config"
+        env -u LD_LIBRARY_PATH "${emulator[@]}" "$work/consumer-by-hand" >/dev/null ||
+            fail "the consumer built by hand with pkg-config failed"
+    fi
+}
+
+# The installed tool runs from where it is installed, with no library path: its run path leads
+# from its own place to the installed libraries.
+run_installed_tool()
+{
+    local prefix=$1 libdir=$2 egw=$1/bin/egw
+    [[ -x "$egw" ]] || fail "bin/egw not installed"
+    local library runpath
+    for library in "$egw" "$prefix/$libdir/libelementGateway.so.1"; do
+        runpath=$("$readelf" -d "$library" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p')
+        [[ "$runpath" == '$ORIGIN'* && "$runpath" != *"$build"* ]] ||
+            fail "$(basename "$library") has the run path '$runpath'"
+    done
+    local -a emulator=()
+    read -r -a emulator <<<"${CONSUMER_EMULATOR:-}"
+    local output
+    output=$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$egw" --version) &&
+        grep -q '^egw ' <<<"$output" || fail "egw --version from $prefix"
+    output=$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$egw" demo) &&
+        grep -q 'FIRE ALARM' <<<"$output" || fail "egw demo from $prefix"
+    echo "installed egw runs from $prefix with its relative run path"
 }
 
 # The package's file (WORK_DIR/packages/NAME_*.deb); its paths without the leading "./".
@@ -106,20 +149,75 @@ expect_paths()
     done
 }
 
-expect_depends()
+depends_of()
 {
-    local deb=$1 expected=$2
-    [[ "$(dpkg-deb -f "$deb" Depends)" == *"$expected"* ]] ||
-        fail "$(basename "$deb") does not depend on $expected: $(dpkg-deb -f "$deb" Depends)"
+    dpkg-deb -f "$1" Depends | tr ',' '\n' | sed 's/(.*)//; s/ //g' | sed '/^$/d'
+}
+
+# Where a library of the target system lies, and the package that ships it: the package's name
+# without the ":arch" or "-arch-cross" of a cross build's runtime packages.
+system_package()
+{
+    local soname=$1 dir candidate
+    for dir in ${SYSTEM_LIBRARY_DIRS:-/lib /usr/lib}; do
+        [[ -e "$dir/$soname" ]] || continue
+        for candidate in "$dir/$soname" "/usr${dir#/usr}/$soname" "${dir#/usr}/$soname" \
+            "$(readlink -f "$dir/$soname")"; do
+            if dpkg -S "$candidate" >/dev/null 2>&1; then
+                dpkg -S "$candidate" | head -n 1 | cut -d: -f1 | sed -E 's/-[a-z0-9]+-cross$//'
+                return
+            fi
+        done
+    done
+}
+
+# Unpacks the package and the packages of this build that it declares, transitively, into a
+# root of its own; checks that every library its files load is in that root or comes from a system
+# package that it declares.
+unpack_alone()
+{
+    local deb=$1 root=$2 name
+    name=$(dpkg-deb -f "$deb" Package)
+    rm -rf "$root"
+    mkdir -p "$root"
+    local -a queue=("$name") done=()
+    while [[ ${#queue[@]} -gt 0 ]]; do
+        local next=${queue[0]} dependency
+        queue=("${queue[@]:1}")
+        [[ " ${done[*]} " == *" $next "* ]] && continue
+        done+=("$next")
+        local file
+        file=$(package_file "$next")
+        dpkg-deb -x "$file" "$root"
+        for dependency in $(depends_of "$file"); do
+            compgen -G "$work/packages/${dependency}_*.deb" >/dev/null && queue+=("$dependency")
+        done
+    done
+    local declared elf needed
+    declared=$(depends_of "$deb")
+    while IFS= read -r elf; do
+        "$readelf" -h "$elf" >/dev/null 2>&1 || continue
+        for needed in $("$readelf" -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+            [[ -e "$root/usr/$libdir/$needed" ]] && continue
+            local package
+            package=$(system_package "$needed")
+            [[ -n "$package" ]] ||
+                fail "$name: ${elf#"$root"/} loads $needed, which no package it declares holds"
+            grep -qx "$package" <<<"$declared" ||
+                fail "$name: ${elf#"$root"/} loads $needed of $package, which it does not declare"
+        done
+    done < <(dpkg-deb -c "$deb" | awk '$1 ~ /^-/ {print $6}' | sed "s|^\./|$root/|")
+    echo "$name unpacked with only what it declares (${done[*]}); every library it loads is there"
 }
 
 check_packages()
 {
     local usr_lib=usr/$libdir major=1
-    local runtime development simulator
+    local runtime development simulator tools
     runtime=$(package_file libelementgateway$major)
     development=$(package_file libelementgateway-dev)
     simulator=$(package_file elementgateway-panelsim)
+    tools=$(package_file elementgateway-tools)
     expect_paths "$runtime" "$usr_lib/libelementGateway\.so\.$major" \
         "$usr_lib/libelementGateway\.so\.$major\..*" -- "$usr_lib/libelementGateway\.so" \
         "usr/include/.*" "usr/share/.*" ".*libpanelsim.*"
@@ -130,15 +228,19 @@ check_packages()
         "$usr_lib/cmake/elementGateway/elementGatewayConfig\.cmake" \
         "$usr_lib/pkgconfig/elementGateway\.pc" -- "$usr_lib/lib.*\.so\.$major.*"
     expect_paths "$simulator" "$usr_lib/libpanelsim\.so\.$major" \
-        "$usr_lib/libpanelsim\.so\.$major\..*" \
-        "usr/bin/egw" -- "$usr_lib/libelementGateway.*" "usr/include/.*"
-    expect_depends "$development" "libelementgateway$major (= "
-    expect_depends "$runtime" "elementgateway-panelsim (= "
-    echo "packages hold their parts:" "${runtime##*/}" "${development##*/}" "${simulator##*/}"
+        "$usr_lib/libpanelsim\.so\.$major\..*" -- "$usr_lib/libelementGateway.*" \
+        "usr/include/.*" "usr/bin/.*"
+    expect_paths "$tools" "usr/bin/egw" "usr/share/elementGateway/samplePanel\.json" -- \
+        "$usr_lib/.*" "usr/include/.*"
+    echo "packages hold their parts:" "${runtime##*/}" "${development##*/}" "${simulator##*/}" \
+        "${tools##*/}"
     local deb
-    for deb in "$runtime" "$development" "$simulator"; do
-        dpkg-deb -x "$deb" "$work/root"
+    for deb in "$runtime" "$development" "$simulator" "$tools"; do
+        unpack_alone "$deb" "$work/root-$(dpkg-deb -f "$deb" Package)"
     done
+    # What the packages ship runs in their own roots.
+    run_installed_tool "$work/root-elementgateway-tools/usr" "$libdir"
+    dev_root=$work/root-libelementgateway-dev/usr
 }
 
 mode=$1 build=$2 libdir=$3 work=$4
@@ -151,15 +253,16 @@ case "$mode" in
         shift
         cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
         check_tree "$work/prefix" "$libdir"
+        [[ "$variant" == cmake && -e "$build/tools/egw" ]] && run_installed_tool "$work/prefix" "$libdir"
         run_consumer "$work/prefix" "$libdir" "$variant" "$work" "$@"
         ;;
     packages)
         cpack --config "$build/CPackConfig.cmake" -B "$work/packages" >"$work/cpack.log" 2>&1 ||
             { cat "$work/cpack.log"; fail "cpack"; }
         check_packages
-        check_tree "$work/root/usr" "$libdir"
-        run_consumer "$work/root/usr" "$libdir" cmake "$work" "$@"
-        run_consumer "$work/root/usr" "$libdir" pkg-config "$work" "$@"
+        check_tree "$dev_root" "$libdir"
+        run_consumer "$dev_root" "$libdir" cmake "$work" "$@"
+        run_consumer "$dev_root" "$libdir" pkg-config "$work" "$@"
         ;;
     *) fail "unknown mode '$mode'" ;;
 esac

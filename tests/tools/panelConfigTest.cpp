@@ -97,12 +97,14 @@ TEST_F(PanelConfigTest, SamplePanelBuildsWithItsValuesGuidsEveryCategoryAndIdStr
     ASSERT_TRUE(panelconfig::loadPanelFile(EGW_SAMPLE_PANEL_FILE, names_, panel_, error)) << error;
     ASSERT_EQ(panel_.elements.size(), panelsim::elementCount());
     EXPECT_EQ(panel_.elements.front().uuid, EGW_ELementServerGetTreeRoot(nullptr));
+    EXPECT_EQ(panel_.keyOf(panel_.uuidOf("det-1-001")), "det-1-001");
+    EXPECT_EQ(panel_.keyOf(panel_.uuidOf("det-1-001") + 1000), "");
+    EXPECT_EQ(panel_.relationTypes, (std::vector<UINT32>{0x20001, 0x20002}));
 
     // Validation numbered the elements in file order, and the root's counter holds the last.
     for (std::size_t i = 0; i < panel_.elements.size(); ++i)
     {
-        EXPECT_EQ(intProperty(panel_.elements[i].uuid, "Guid"), i + 1)
-            << panel_.elements[i].pointer;
+        EXPECT_EQ(intProperty(panel_.elements[i].uuid, "Guid"), i + 1) << "element " << i;
     }
     EXPECT_EQ(intProperty(panel_.uuidOf("panel"), "AvailableGuid"), panel_.elements.size());
 
@@ -216,7 +218,48 @@ TEST_F(PanelConfigTest, BadFilesAreRefusedWithPlaceAndProblemAndLeaveNoElement)
          [](Json& f) {
              detector(f)["properties"]["LastServiceDate"] = {{"month", 13}};
          },
-         kDetector + "/properties/LastServiceDate/month: expected 0 to 12"},
+         kDetector + "/properties/LastServiceDate/month: property 0x30038 member month: expected "
+                     "0 to 12"},
+        {"date-time member not a number",
+         [](Json& f) {
+             detector(f)["properties"]["LastServiceDate"] = {{"day", "soon"}};
+         },
+         kDetector + "/properties/LastServiceDate/day: property 0x30038 member day: expected a "
+                     "whole number, got \"soon\""},
+        {"integer not a number", [](Json& f) { detector(f)["properties"]["Address"] = "one"; },
+         kDetector + "/properties/Address: property 0x30004 holds 4 bytes: expected a whole "
+                     "number, got \"one\""},
+        {"property by name and by id", [](Json& f) { detector(f)["properties"]["0x30004"] = 2; },
+         kDetector + "/properties/0x30004: property 0x30004 Address is given twice (by its name "
+                     "and by its id)"},
+        {"state group by name and by id",
+         [](Json& f) { detector(f)["states"]["0x80003"] = "Enabled"; },
+         kDetector + "/states/0x80003: state group 0x80003 DisablementState is given twice (by "
+                     "its name and by its id)"},
+        {"empty key", [](Json& f) { detector(f)["key"] = ""; },
+         kDetector + "/key: an empty key names nothing (leave \"key\" out instead)"},
+        {"key that reads as a uuid", [](Json& f) { detector(f)["key"] = "0x1F"; },
+         kDetector + "/key: the key \"0x1F\" is a number, which names an element by its uuid "
+                     "(give a key with a letter in it)"},
+        {"child type not allowed below its parent",
+         [](Json& f) { f["root"]["children"][0]["type"] = "Loop"; },
+         "/root/children/0/type: element type 0x70046 Loop may not stand below element type "
+         "0x70169 Panel (the type library does not make it one of its child types)"},
+        {"root that is not a panel element",
+         [](Json& f) {
+             Json lone = detector(f);
+             lone.erase("relations");
+             f["root"] = lone;
+         },
+         "/root/type: element type 0x70048 OpticalSmokeDetector cannot be the root: the root of a "
+         "panel keeps the counter from which its elements' GUIDs are numbered, property 0x301A6 "
+         "(AvailableGuid), and this type has no such property"},
+        {"element without type", [](Json& f) { detector(f).erase("type"); },
+         kDetector + "/type: missing member"},
+        {"child not an object", [](Json& f) { f["root"]["children"].push_back(3); },
+         "/root/children/2: expected an object"},
+        {"root not an object", [](Json& f) { f["root"] = Json::array(); },
+         "/root: expected an object"},
         {"state group of another type",
          [](Json& f) { detector(f)["states"]["PowerState"] = "Normal"; },
          kDetector + "/states/PowerState: element type 0x70048 has no state group 0x80007"},
@@ -254,6 +297,47 @@ TEST_F(PanelConfigTest, SyntaxErrorsAreReportedByLineAndColumn)
     EXPECT_FALSE(load("{\n  \"version\": 1,\n  \"root\": }\n", error));
     EXPECT_EQ(error.rfind("site.json: line 3, column 11: syntax error", 0), 0u) << error;
     EXPECT_EQ(panelsim::elementCount(), 0u);
+}
+
+// A JSON object may repeat a name; the file may not, since one of the two would be lost.
+TEST_F(PanelConfigTest, ANameGivenTwiceInOneObjectIsRefused)
+{
+    const std::string text = smallPanel().dump();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"\"key\":\"det\",", "\"key\":\"det\",\"key\":\"det2\","},
+        {"\"Address\":1,\"DeviceId\"", "\"Address\":1,\"Address\":2,\"DeviceId\""},
+    };
+    const std::vector<std::string> messages = {
+        "site.json: " + kDetector + "/key: \"key\" is given twice",
+        "site.json: " + kDetector + "/properties/Address: \"Address\" is given twice",
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i)
+    {
+        std::string changed = text;
+        const std::size_t at = changed.find(cases[i].first);
+        ASSERT_NE(at, std::string::npos) << cases[i].first;
+        changed.replace(at, cases[i].first.size(), cases[i].second);
+        std::string error;
+        EXPECT_FALSE(load(changed, error));
+        EXPECT_EQ(error, messages[i]);
+        EXPECT_EQ(panelsim::elementCount(), 0u);
+    }
+}
+
+// Members may come in any order: an element's type after its properties and its children.
+TEST_F(PanelConfigTest, MembersMayComeInAnyOrder)
+{
+    const std::string text = R"({"root": {"children": [
+        {"children": [{"children": [], "properties": {"Address": 2}, "type": "CardRack"}],
+         "type": "HardwareRoot"}],
+      "properties": {"Address": 7}, "key": "panel", "type": "Panel"}, "version": 1})";
+    std::string error;
+    ASSERT_TRUE(load(text, error)) << error;
+    ASSERT_EQ(panel_.elements.size(), 3u);
+    EXPECT_EQ(intProperty(panel_.uuidOf("panel"), "Address"), 7u);
+    EXPECT_EQ(intProperty(panel_.elements[2].uuid, "Address"), 2u);
+    EXPECT_EQ(EGW_ELementServerGetParentUuid(panel_.elements[2].uuid, nullptr),
+              panel_.elements[1].uuid);
 }
 
 TEST_F(PanelConfigTest, APanelIsOnlyLoadedIntoAnEmptyTree)
@@ -357,6 +441,8 @@ TEST_F(PanelConfigTest, ValuesAreWrittenAndReadAsInAPanelFile)
         {"det", "AlarmThreshold", "255", "255", ""},
         {"det", "AlarmThreshold", "256", nullptr,
          "property 0x30031 holds 1 bytes: expected 0 to 255"},
+        {"det", "AlarmThreshold", "high", nullptr,
+         "property 0x30031 holds 1 bytes: expected a whole number, got \"high\""},
         {"det", "Label", "Hall 2", "\"Hall 2\"", ""},
         {"det", "Label", "42", "\"42\"", ""},
         {"det", "Label", "\"quoted\"", "\"quoted\"", ""},
