@@ -3,6 +3,7 @@
 #   libelementgateway-dev    headers (public, host, simulator), CMake package, pkg-config file
 #   elementgateway-panelsim  the panel simulator (simulator builds only)
 #   elementgateway-tools     the panel tool egw and its sample panel (simulator builds only)
+#   elementgateway-service   the panel service egwd, its interface definition, the Python client
 # Each package depends on every package whose libraries its files load: the packages of this build
 # by name, the system's computed by dpkg-shlibdeps on the build machine and stated for a cross build
 # (dpkg-shlibdeps knows only the build machine's packages). The architecture is the target's. The
@@ -69,5 +70,15 @@ if(NOT EGW_EXTERNAL_HOST)
   egw_depends(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime}" "${simulator}")
   # The development links name both libraries.
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime}, ${simulator}")
+  if(TARGET egwd)
+    # egwd, its interface definition, the generated Python module and the example client; the
+    # Python module runs on Debian's python3-thrift.
+    list(APPEND CPACK_COMPONENTS_ALL service)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME elementgateway-service)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_SECTION net)
+    set(CPACK_COMPONENT_SERVICE_DESCRIPTION
+        "Element gateway of the fire-detection panel: the panel service egwd and its clients")
+    egw_depends(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "${runtime}" "${simulator}" python3-thrift)
+  endif()
 endif()
 include(CPack)

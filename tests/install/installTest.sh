@@ -234,12 +234,28 @@ check_packages()
         "$usr_lib/.*" "usr/include/.*"
     echo "packages hold their parts:" "${runtime##*/}" "${development##*/}" "${simulator##*/}" \
         "${tools##*/}"
-    local deb
-    for deb in "$runtime" "$development" "$simulator" "$tools"; do
+    local deb packages=("$runtime" "$development" "$simulator" "$tools") service=
+    if compgen -G "$work/packages/elementgateway-service_*.deb" >/dev/null; then
+        service=$(package_file elementgateway-service)
+        expect_paths "$service" "usr/bin/egwd" "usr/share/elementGateway/panelService\.thrift" \
+            "usr/lib/python3/dist-packages/egw_rpc/PanelService\.py" \
+            "usr/share/elementGateway/examples/egwClientExample\.py" -- "$usr_lib/lib.*" \
+            "usr/include/.*"
+        packages+=("$service")
+    fi
+    for deb in "${packages[@]}"; do
         unpack_alone "$deb" "$work/root-$(dpkg-deb -f "$deb" Package)"
     done
     # What the packages ship runs in their own roots.
     run_installed_tool "$work/root-elementgateway-tools/usr" "$libdir"
+    if [[ -n $service ]]; then
+        local egwd=$work/root-elementgateway-service/usr/bin/egwd output
+        local -a emulator=()
+        read -r -a emulator <<<"${CONSUMER_EMULATOR:-}"
+        output=$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$egwd" --version) &&
+            grep -q '^egwd ' <<<"$output" || fail "egwd --version from its package's root"
+        echo "egwd runs from its package's root"
+    fi
     dev_root=$work/root-libelementgateway-dev/usr
 }
 
