@@ -939,33 +939,37 @@ void PanelHandler::getVisibleRelations(std::vector<Uuid>& _return, Uuid uuid, Id
     });
 }
 
+namespace
+{
+
+// Adds or removes one reference relation between two elements.
+void changeRelation(BOOL (*change)(int, int, UINT32, void*), const char* what, PanelHandler::Uuid holder,
+                    PanelHandler::Uuid target, PanelHandler::Id relationType, void* client)
+{
+    TypeFacts facts;
+    const Subject from = facts.element(holder, "holder");
+    const Subject to = facts.element(target, "target");
+    const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
+    refused(change(static_cast<int>(from.uuid), static_cast<int>(to.uuid), type, client) == TRUE,
+            std::string(what) + " of relation " + hex(type) + " from element " +
+                std::to_string(from.uuid) + " to element " + std::to_string(to.uuid));
+}
+
+} // namespace
+
 void PanelHandler::addRelation(Uuid holder, Uuid target, Id relationType)
 {
     run("addRelation", [&] {
-        TypeFacts facts;
-        const Subject from = facts.element(holder, "holder");
-        const Subject to = facts.element(target, "target");
-        const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
-        refused(EGW_ELementServerAddReferenceRelation(static_cast<int>(from.uuid),
-                                                      static_cast<int>(to.uuid), type,
-                                                      client()) == TRUE,
-                "relation " + hex(type) + " from element " + std::to_string(from.uuid) +
-                    " to element " + std::to_string(to.uuid));
+        changeRelation(EGW_ELementServerAddReferenceRelation, "the addition", holder, target,
+                       relationType, client());
     });
 }
 
 void PanelHandler::deleteRelation(Uuid holder, Uuid target, Id relationType)
 {
     run("deleteRelation", [&] {
-        TypeFacts facts;
-        const Subject from = facts.element(holder, "holder");
-        const Subject to = facts.element(target, "target");
-        const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
-        refused(EGW_ELementServerDelReferenceRelation(static_cast<int>(from.uuid),
-                                                      static_cast<int>(to.uuid), type,
-                                                      client()) == TRUE,
-                "the removal of relation " + hex(type) + " from element " +
-                    std::to_string(from.uuid) + " to element " + std::to_string(to.uuid));
+        changeRelation(EGW_ELementServerDelReferenceRelation, "the removal", holder, target,
+                       relationType, client());
     });
 }
 

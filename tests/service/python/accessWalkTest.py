@@ -55,8 +55,8 @@ def dummy(ttype, type_arguments):
 
 def dummy_arguments(operation):
     """The operation's arguments, in the order of its parameters, each a harmless value."""
-    spec = getattr(PanelService, operation + "_args").thrift_spec
-    values = {field[2]: dummy(field[1], field[3]) for field in spec if field is not None}
+    fields = getattr(PanelService, operation + "_args").thrift_spec
+    values = {field[2]: dummy(field[1], field[3]) for field in fields if field is not None}
     parameters = list(inspect.signature(getattr(PanelService.Iface, operation)).parameters)[1:]
     assert sorted(parameters) == sorted(values), operation
     return [values[name] for name in parameters]
