@@ -106,7 +106,13 @@ int main(int argc, char** argv)
     }
     catch (const CLI::ParseError& e)
     {
-        return app.exit(e);
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+        {
+            return app.exit(e); // --help, --version
+        }
+        // A command line that cannot be used: the usual status 2, the program's name first.
+        std::cerr << "egwd: " << e.what() << " (egwd --help shows the usage)\n";
+        return 2;
     }
     server.compact = protocol == "compact";
     const sigset_t signals = stopSignals();
