@@ -16,7 +16,7 @@ trap cleanup EXIT
 
 "$egwd" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
-for _ in $(seq 100); do
+for _ in $(seq 300); do
     grep -q 'serving' "$work/egwd.out" && break
     sleep 0.1
 done
