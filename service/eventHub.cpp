@@ -222,18 +222,7 @@ rpc::Event decode(const RawEvent& raw, UINT32 type)
         }
         if (type != 0)
         {
-            ENENT_FIELD field{};
-            ENEventFormat format;
-            event.detail.category = format.GetEventDetails(raw.uuid, field);
-            event.detail.selfId = field.SelfID;
-            event.detail.selfAddress = field.SelfAddress;
-            event.detail.parentId = field.ParentID;
-            event.detail.parentAddress = field.ParentAddress;
-            event.detail.deviceId = field.DeviceID;
-            event.detail.hasProxy = field.HasProxy;
-            event.detail.proxyId = field.ProxyID;
-            event.detail.proxyAddress = field.ProxyAddress;
-            event.__isset.detail = true;
+            event.__set_detail(eventDetailOf(raw.uuid));
         }
     }
     catch (const std::exception&)
@@ -243,6 +232,23 @@ rpc::Event decode(const RawEvent& raw, UINT32 type)
 }
 
 } // namespace
+
+rpc::EventDetail eventDetailOf(UINT32 uuid)
+{
+    ENENT_FIELD field{};
+    ENEventFormat format;
+    rpc::EventDetail detail;
+    detail.category = format.GetEventDetails(uuid, field);
+    detail.selfId = field.SelfID;
+    detail.selfAddress = field.SelfAddress;
+    detail.parentId = field.ParentID;
+    detail.parentAddress = field.ParentAddress;
+    detail.deviceId = field.DeviceID;
+    detail.hasProxy = field.HasProxy;
+    detail.proxyId = field.ProxyID;
+    detail.proxyAddress = field.ProxyAddress;
+    return detail;
+}
 
 // ---- SessionQueue -------------------------------------------------------------------------------
 

@@ -26,6 +26,9 @@ namespace egwservice
 
 namespace rpc = ::egw::rpc;
 
+// The event detail record of an element: its category and the fields the panel reports.
+rpc::EventDetail eventDetailOf(UINT32 uuid);
+
 // One event id of the elements of a type (byType) or of one element.
 struct EventFilter
 {

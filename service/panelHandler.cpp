@@ -121,22 +121,32 @@ rpc::PropertyDefinition definitionOf(const EGW_PropertyDef_Thrift& p)
     return d;
 }
 
+// Every state group of the element's type with the element's value (0: none).
+std::vector<rpc::StateValue> statesOf(TypeFacts& facts, const Subject& subject, void* client)
+{
+    std::vector<rpc::StateValue> states;
+    for (const unsigned int group : facts.stateGroups(subject.type))
+    {
+        UINT32 value = 0;
+        EGW_ELementServerGetStateValueByUuid(value, subject.uuid, group, client);
+        rpc::StateValue state;
+        state.groupId = group;
+        state.value = value;
+        states.push_back(state);
+    }
+    return states;
+}
+
 // The GUID operations read the counter on the tree root and the GUID of the element; the library
 // reports a missing counter as a broken invariant, so both are checked first.
 void requireGuidProperties(TypeFacts& facts, const Subject& subject, void* client)
 {
-    const auto defines = [&](UINT32 type, UINT32 property) {
-        const auto& list = facts.properties(type);
-        return std::any_of(list.begin(), list.end(), [&](const EGW_PropertyDef_Thrift& p) {
-            return (p.PropertyID & 0xFFFFu) == (property & 0xFFFFu);
-        });
-    };
-    if (!defines(subject.type, kGuidProperty))
+    if (!facts.defines(subject.type, kGuidProperty))
     {
         return; // the element takes no GUID; the library leaves it alone
     }
     const Subject root = elementOrRoot(facts, 0, "root", client);
-    if (!defines(root.type, kGuidCounterProperty))
+    if (!facts.defines(root.type, kGuidCounterProperty))
     {
         refuse(ErrorCode::NOT_DEFINED, "the tree root, " + elementText(root) +
                                            ", has no GUID counter (property " +
@@ -876,16 +886,7 @@ void PanelHandler::getStates(std::vector<rpc::StateValue>& _return, Uuid uuid)
 {
     run("getStates", [&] {
         TypeFacts facts;
-        const Subject s = facts.element(uuid);
-        for (const unsigned int group : facts.stateGroups(s.type))
-        {
-            UINT32 value = 0;
-            EGW_ELementServerGetStateValueByUuid(value, s.uuid, group, client());
-            rpc::StateValue state;
-            state.groupId = group;
-            state.value = value;
-            _return.push_back(state);
-        }
+        _return = statesOf(facts, facts.element(uuid), client());
     });
 }
 
@@ -1124,18 +1125,7 @@ void PanelHandler::getEventDetail(rpc::EventDetail& _return, Uuid uuid)
 {
     run("getEventDetail", [&] {
         TypeFacts facts;
-        const UINT32 element = facts.element(uuid).uuid;
-        ENENT_FIELD field{};
-        ENEventFormat format;
-        _return.category = format.GetEventDetails(element, field);
-        _return.selfId = field.SelfID;
-        _return.selfAddress = field.SelfAddress;
-        _return.parentId = field.ParentID;
-        _return.parentAddress = field.ParentAddress;
-        _return.deviceId = field.DeviceID;
-        _return.hasProxy = field.HasProxy;
-        _return.proxyId = field.ProxyID;
-        _return.proxyAddress = field.ProxyAddress;
+        _return = eventDetailOf(facts.element(uuid).uuid);
     });
 }
 
@@ -1163,15 +1153,9 @@ void PanelHandler::snapshot(std::vector<rpc::ElementSnapshot>& _return, Uuid roo
             snap.parent = EGW_ELementServerGetParentUuid(uuid, client());
             snap.typeId = s.type;
             EGW_ElementServerGetIDStringOfElement(snap.idString, uuid, client());
-            const auto& defined = facts.properties(s.type);
             for (const UINT32 property : properties)
             {
-                const bool has = std::any_of(defined.begin(), defined.end(),
-                                             [&](const EGW_PropertyDef_Thrift& p) {
-                                                 return (p.PropertyID & 0xFFFFu) ==
-                                                        (property & 0xFFFFu);
-                                             });
-                if (has)
+                if (facts.defines(s.type, property))
                 {
                     rpc::PropertyResult result;
                     result.uuid = uuid;
@@ -1182,15 +1166,7 @@ void PanelHandler::snapshot(std::vector<rpc::ElementSnapshot>& _return, Uuid roo
             }
             if (withStates)
             {
-                for (const unsigned int group : facts.stateGroups(s.type))
-                {
-                    UINT32 value = 0;
-                    EGW_ELementServerGetStateValueByUuid(value, uuid, group, client());
-                    rpc::StateValue state;
-                    state.groupId = group;
-                    state.value = value;
-                    snap.states.push_back(state);
-                }
+                snap.states = statesOf(facts, s, client());
             }
             _return.push_back(std::move(snap));
         }

@@ -165,14 +165,18 @@ const std::vector<unsigned int>& TypeFacts::stateGroups(UINT32 type)
     return found->second;
 }
 
+bool TypeFacts::defines(UINT32 type, UINT32 propertyId)
+{
+    const auto& list = properties(type);
+    return std::any_of(list.begin(), list.end(), [&](const EGW_PropertyDef_Thrift& p) {
+        return (p.PropertyID & 0xFFFFu) == (propertyId & 0xFFFFu);
+    });
+}
+
 UINT32 TypeFacts::property(const Subject& subject, std::int64_t propertyId)
 {
     const UINT32 id = idOf(IdKind::Property, propertyId, "propertyId");
-    const auto& list = properties(subject.type);
-    const bool defined = std::any_of(list.begin(), list.end(), [&](const EGW_PropertyDef_Thrift& p) {
-        return (p.PropertyID & 0xFFFFu) == (id & 0xFFFFu);
-    });
-    if (!defined)
+    if (!defines(subject.type, id))
     {
         refuse(rpc::ErrorCode::NOT_DEFINED, elementText(subject) + " has no property " + hex(id));
     }

@@ -76,6 +76,8 @@ public:
     UINT32 elementType(std::int64_t typeId, const char* argument = "typeId");
 
     const std::vector<EGW_PropertyDef_Thrift>& properties(UINT32 type);
+    // True when the type defines the property.
+    bool defines(UINT32 type, UINT32 propertyId);
     const std::vector<unsigned int>& stateGroups(UINT32 type);
 
 private:
