@@ -152,6 +152,8 @@ public:
     {
         egwservice::ServiceSettings settings;
         egwservice::preparePanel({"", panelFile}, settings);
+        // The benchmark reads; the records (audit rows of changes, stored events) stay in memory.
+        settings.database = ":memory:";
         events_ = egwservice::makeEventSource();
         core_ = std::make_unique<egwservice::ServiceCore>(settings, *events_);
         egwservice::ServerSettings server;

@@ -151,6 +151,8 @@ private:
         egwservice::ServiceSettings settings;
         egwservice::preparePanel({}, settings);
         panelsim::setLogSink([](int, const std::string&, const std::string&) {});
+        // The records in memory: every input runs fast and leaves no file behind.
+        settings.database = ":memory:";
         core_ = std::make_unique<egwservice::ServiceCore>(settings, *events_);
         // No pump: events would arrive on a thread of their own, in no fixed order. A stopped hub
         // also answers every long poll at once, so that no input can make the run wait.

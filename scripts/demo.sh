@@ -5,15 +5,19 @@
 # the event with its ID string and detail record, silences the sounder and puts the panel back to
 # normal. Then egwd is stopped.
 #
-#   scripts/demo.sh [--keep]     --keep: leave egwd serving until interrupted (Ctrl-C)
+#   scripts/demo.sh [--keep] [--page]
+#     --keep: leave egwd serving until interrupted (Ctrl-C)
+#     --page: also serve the operator page (egwd --http-port) and leave it open for a browser
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
 keep=false
+page=()
 for argument in "$@"; do
     case "$argument" in
         --keep) keep=true ;;
-        *) echo "demo.sh: unknown option '$argument' (known: --keep)" >&2; exit 2 ;;
+        --page) keep=true; page=(--http-port 0) ;;
+        *) echo "demo.sh: unknown option '$argument' (known: --keep, --page)" >&2; exit 2 ;;
     esac
 done
 
@@ -42,7 +46,7 @@ stop_service()
 trap stop_service EXIT
 trap 'exit 130' INT TERM
 
-"$service" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
+"$service" --port 0 "${page[@]}" >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
 for _ in $(seq 100); do
     grep -q 'serving' "$work/egwd.out" 2>/dev/null && break
@@ -63,5 +67,7 @@ EGW_PASSWORD=2222 "$tool" --connect "$address" --level 2 demo
 if $keep; then
     echo
     echo "demo.sh: egwd serves the sample panel at $address until interrupted (Ctrl-C)"
+    page_address=$(sed -n 's/.*operator page on \(http[^ ]*\)/\1/p' "$work/egwd.out")
+    [[ -n $page_address ]] && echo "demo.sh: the operator page: $page_address (level 2 password 2222)"
     wait "$server"
 fi

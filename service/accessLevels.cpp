@@ -64,6 +64,7 @@ constexpr Rule kRules[] = {
     {"subscribe", 1},
     {"unsubscribe", 1},
     {"nextEvents", 1},
+    {"queryEvents", 1},
     // Operating the panel
     {"executeCommand", 2},
     {"broadcastCommand", 2},
@@ -81,6 +82,7 @@ constexpr Rule kRules[] = {
     {"resetToDefaultStates", 3},
     {"assignGuid", 3},
     {"validateElement", 3},
+    {"queryAudit", 3},
 };
 
 // The access-level passwords of the panel element (type 0x70007).

@@ -1,13 +1,18 @@
 // egwd: the panel service. Serves the element tree to remote callers over Apache Thrift until
 // SIGTERM or SIGINT.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <thread>
 
 #include <CLI/CLI.hpp>
 
+#include "service/database.h"
 #include "service/hostPanel.h"
+#include "service/httpListener.h"
 #include "service/server.h"
 
 using namespace egwservice;
@@ -97,9 +102,76 @@ int main(int argc, char** argv)
     app.add_option("--max-connections", server.maxConnections, "connections served at once")
         ->capture_default_str()
         ->check(CLI::Range(1, 100000));
+    // Transport: TLS, plain TCP beyond loopback, and what one connection may cost.
+    app.add_option("--tls-cert", server.tlsCert,
+                   "PEM certificate (with its chain) to serve TLS with; needs --tls-key");
+    app.add_option("--tls-key", server.tlsKey, "PEM private key of --tls-cert");
+    app.add_option("--tls-ca", server.tlsCa,
+                   "PEM CA certificate(s): only clients with a certificate they signed are served");
+    app.add_flag("--insecure", server.insecure,
+                 "serve plain TCP on an address other than loopback (no TLS)");
+    app.add_option("--max-frame-size", server.maxFrameSize, "bytes of the largest request frame")
+        ->capture_default_str()
+        ->check(CLI::Range(1024, 256 * 1024 * 1024));
+    app.add_option("--receive-timeout", server.receiveTimeoutMs,
+                   "milliseconds in which a request, once begun, must have arrived")
+        ->capture_default_str()
+        ->check(CLI::Range(10, 3600000));
+    app.add_option("--idle-timeout", server.idleTimeoutMs,
+                   "milliseconds a connection may stay silent between requests")
+        ->capture_default_str()
+        ->check(CLI::Range(100, 7 * 86400000));
     app.add_option("--queue-limit", service.queueLimit, "events queued per session")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000000));
+    // Records: the database of the audit trail and the event memory, and what it keeps.
+    service.database = "egwd.db";
+    app.add_option("--database", service.database,
+                   "SQLite database file of the audit trail and the event memory")
+        ->capture_default_str();
+    app.add_option("--audit-rows", service.auditRetention.rows, "audit rows kept (the newest)")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{1}, std::int64_t{1000000000}));
+    app.add_option("--audit-days", service.auditRetention.days, "days an audit row is kept")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{1}, std::int64_t{36500}));
+    app.add_option("--event-rows", service.eventRows, "events kept in the event memory")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{1}, std::int64_t{100000000}));
+    // Sessions: failed logins per peer address, lapsed logins, sessions open at once.
+    long firstBlock = service.logins.firstBlock.count();
+    long longestBlock = service.logins.longestBlock.count();
+    long sessionIdle = service.sessionIdle.count();
+    app.add_option("--login-failures", service.logins.failuresAllowed,
+                   "failed logins from one address before its logins are refused")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000));
+    app.add_option("--login-block", firstBlock,
+                   "seconds the first refusal lasts; each later failure doubles it")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400));
+    app.add_option("--login-block-max", longestBlock, "longest refusal in seconds")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400));
+    app.add_option("--session-idle", sessionIdle,
+                   "seconds without a request after which a session's login lapses (level 1)")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400 * 7));
+    app.add_option("--max-sessions", service.maxSessions, "sessions open at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    // The operator page: off unless --http-port is given.
+    PageSettings page;
+    int httpPort = -1;
+    app.add_option("--http-port", httpPort,
+                   "port of the operator page in a browser (0: any free port; default: no page)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--http-address", page.address, "address of the operator page")
+        ->capture_default_str();
+    app.add_option("--web-root", page.webRoot,
+                   "directory of the page's files (default: share/elementGateway/web beside the "
+                   "installed egwd, or the build tree's web)")
+        ->check(CLI::ExistingDirectory);
     try
     {
         app.parse(argc, argv);
@@ -115,6 +187,18 @@ int main(int argc, char** argv)
         return 2;
     }
     server.compact = protocol == "compact";
+    try
+    {
+        checkSettings(server);
+    }
+    catch (const SettingsRefused& e)
+    {
+        std::cerr << "egwd: " << e.what() << '\n';
+        return 2;
+    }
+    service.logins.firstBlock = std::chrono::seconds(firstBlock);
+    service.logins.longestBlock = std::chrono::seconds(std::max(firstBlock, longestBlock));
+    service.sessionIdle = std::chrono::seconds(sessionIdle);
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
@@ -129,9 +213,61 @@ int main(int argc, char** argv)
         return 1;
     }
     std::signal(SIGPIPE, SIG_IGN);
+    // A file grown past the size limit fails its write (EFBIG) like a full disk, and the change
+    // it was to record is refused; it must not end the service.
+    std::signal(SIGXFSZ, SIG_IGN);
     const std::unique_ptr<EventSource> events = makeEventSource();
-    ServiceCore core(service, *events);
-    PanelServer panelServer(core, server);
+    std::unique_ptr<ServiceCore> opened;
+    try
+    {
+        opened = std::make_unique<ServiceCore>(service, *events);
+    }
+    catch (const DatabaseError& e)
+    {
+        std::cerr << "egwd: the database cannot be used: " << e.what() << '\n';
+        return 1;
+    }
+    ServiceCore& core = *opened;
+    // The page takes the Thrift port's TLS pair and its --insecure: the same rule for both.
+    std::unique_ptr<PageServer> pageServer;
+    if (httpPort >= 0)
+    {
+        page.port = httpPort;
+        page.tlsCert = server.tlsCert;
+        page.tlsKey = server.tlsKey;
+        page.insecure = server.insecure;
+        if (page.webRoot.empty())
+        {
+            std::error_code ignored;
+            page.webRoot = findWebRoot(std::filesystem::read_symlink("/proc/self/exe", ignored));
+        }
+        try
+        {
+            pageServer = std::make_unique<PageServer>(core, page);
+            const int port = pageServer->start();
+            std::cout << "egwd: operator page on " << (pageServer->tls() ? "https" : "http")
+                      << "://"
+                      << (page.address.find(':') != std::string::npos ? "[" + page.address + "]"
+                                                                      : page.address)
+                      << ":" << port << "/" << std::endl;
+        }
+        catch (const std::exception& e)
+        {
+            std::cerr << "egwd: " << e.what() << '\n';
+            return 1;
+        }
+    }
+    std::unique_ptr<PanelServer> served;
+    try
+    {
+        served = std::make_unique<PanelServer>(core, server);
+    }
+    catch (const TlsFilesRefused& e)
+    {
+        std::cerr << "egwd: " << e.what() << '\n';
+        return 1;
+    }
+    PanelServer& panelServer = *served;
     try
     {
         const StopOnSignal stopper(panelServer);

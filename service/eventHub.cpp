@@ -19,6 +19,8 @@ constexpr auto kPumpWait = std::chrono::milliseconds(50);
 // A host call whose failure would cost an event or leave a subscription behind is made up to this
 // many times.
 constexpr int kHostAttempts = 3;
+// Bounds the walk up the tree, should the host ever report a parent cycle.
+constexpr std::size_t kDeepestTree = 256;
 
 std::int64_t nowMs()
 {
@@ -231,6 +233,26 @@ rpc::Event decode(const RawEvent& raw, UINT32 type)
     return event;
 }
 
+// The element and its ancestors up to the tree root, as they are now; only the element itself
+// when it is gone (or the host fails), as its place in the tree can no longer be known.
+std::vector<std::uint32_t> ancestorsOf(UINT32 uuid, UINT32 type)
+{
+    std::vector<std::uint32_t> chain{uuid};
+    try
+    {
+        for (UINT32 parent = type == 0 ? 0 : EGW_ELementServerGetParentUuid(uuid, nullptr);
+             parent != 0 && chain.size() < kDeepestTree;
+             parent = EGW_ELementServerGetParentUuid(parent, nullptr))
+        {
+            chain.push_back(parent);
+        }
+    }
+    catch (const std::exception&)
+    {
+    }
+    return chain;
+}
+
 } // namespace
 
 rpc::EventDetail eventDetailOf(UINT32 uuid)
@@ -324,8 +346,12 @@ void SessionQueue::close()
 // ---- EventHub -----------------------------------------------------------------------------------
 
 EventHub::EventHub(EventSource& source, UINT32 module, std::size_t queueLimit,
-                   std::size_t filterLimit)
-    : source_(source), module_(module), queueLimit_(queueLimit), filterLimit_(filterLimit)
+                   std::size_t filterLimit, EventMemory* memory)
+    : source_(source),
+      memory_(memory),
+      module_(module),
+      queueLimit_(queueLimit),
+      filterLimit_(filterLimit)
 {
     source_.open(module_);
     droppedSeen_ = source_.dropped(module_);
@@ -573,7 +599,7 @@ void EventHub::deliver(const RawEvent& raw)
     {
         queue->lose(1);
     }
-    if (recipients.empty())
+    if (recipients.empty() && memory_ == nullptr)
     {
         return;
     }
@@ -581,6 +607,10 @@ void EventHub::deliver(const RawEvent& raw)
     for (const auto& queue : recipients)
     {
         queue->push(event);
+    }
+    if (memory_ != nullptr)
+    {
+        memory_->store(event, ancestorsOf(raw.uuid, type));
     }
 }
 

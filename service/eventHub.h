@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "panelService_types.h"
+#include "service/eventMemory.h"
 #include "service/eventSource.h"
 
 namespace egwservice
@@ -71,8 +72,9 @@ private:
 class EventHub
 {
 public:
-    EventHub(EventSource& source, UINT32 module, std::size_t queueLimit,
-             std::size_t filterLimit);
+    // Every event received is stored in the memory when there is one.
+    EventHub(EventSource& source, UINT32 module, std::size_t queueLimit, std::size_t filterLimit,
+             EventMemory* memory = nullptr);
     ~EventHub();
     EventHub(const EventHub&) = delete;
     EventHub& operator=(const EventHub&) = delete;
@@ -105,6 +107,7 @@ private:
     void releaseLocked(const EventFilter& filter, int count, void* client);
 
     EventSource& source_;
+    EventMemory* const memory_;
     const UINT32 module_;
     const std::size_t queueLimit_;
     const std::size_t filterLimit_;

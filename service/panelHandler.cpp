@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iostream>
+#include <type_traits>
 
 #include "panelService_constants.h"
 #include "service/accessLevels.h"
+#include "service/auditTrail.h"
+#include "service/database.h"
 #include "service/passwords.h"
 
 namespace egwservice
@@ -154,13 +158,175 @@ void requireGuidProperties(TypeFacts& facts, const Subject& subject, void* clien
     }
 }
 
+// ---- Values in the audit trail, in the panel tool's words ------------------------------------
+
+std::string twoDigits(std::int64_t n)
+{
+    return (n < 10 ? "0" : "") + std::to_string(n);
+}
+
+// Printable text as it is; anything else as "hex:" and two digits per byte.
+std::string bytesText(const std::string& bytes)
+{
+    const bool printable = std::all_of(bytes.begin(), bytes.end(), [](char c) {
+        return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x7F;
+    });
+    if (printable)
+    {
+        return bytes;
+    }
+    static const char kDigits[] = "0123456789abcdef";
+    std::string text = "hex:";
+    for (const char c : bytes)
+    {
+        text += kDigits[static_cast<unsigned char>(c) >> 4];
+        text += kDigits[static_cast<unsigned char>(c) & 0xF];
+    }
+    return text;
+}
+
+// "2024-03-05 11:00:00.000000"
+std::string dateTimeText(const rpc::DateTime& d)
+{
+    std::string micro = std::to_string(d.microsecond);
+    micro.insert(0, micro.size() < 6 ? 6 - micro.size() : 0, '0');
+    return std::to_string(d.year) + "-" + twoDigits(d.month) + "-" + twoDigits(d.day) + " " +
+           twoDigits(d.secondOfDay / 3600) + ":" + twoDigits(d.secondOfDay / 60 % 60) + ":" +
+           twoDigits(d.secondOfDay % 60) + "." + micro;
+}
+
+// A property's value; absent when the element holds none.
+std::optional<std::string> valueText(const rpc::PropertyValue& v)
+{
+    if (!v.present)
+    {
+        return std::nullopt;
+    }
+    if (v.__isset.truth)
+    {
+        return v.truth ? "true" : "false";
+    }
+    if (v.__isset.integer)
+    {
+        return std::to_string(v.integer);
+    }
+    if (v.__isset.dateTime)
+    {
+        return dateTimeText(v.dateTime);
+    }
+    return bytesText(v.bytes);
+}
+
+// "0x80001=0x60001 0x80002=0x60005"
+std::string statesText(const std::vector<rpc::StateValue>& states)
+{
+    std::string text;
+    for (const rpc::StateValue& state : states)
+    {
+        text += (text.empty() ? "" : " ") + hex(static_cast<std::uint64_t>(state.groupId)) + "=" +
+                hex(static_cast<std::uint64_t>(state.value));
+    }
+    return text;
+}
+
+std::optional<std::string> guidText(TypeFacts& facts, const Subject& subject, void* client)
+{
+    UINT32 guid = 0;
+    if (!facts.defines(subject.type, kGuidProperty) ||
+        EGW_ElementServerGetPropertyIntDataById(subject.uuid, kGuidProperty, guid, client) != TRUE)
+    {
+        return std::nullopt;
+    }
+    return std::to_string(guid);
+}
+
+// Password values never reach the audit trail.
+constexpr const char* kHiddenValue = "(password, not recorded)";
+
 } // namespace
+
+// ---- Audited changes ----------------------------------------------------------------------------
+
+// The audit row of one change: committed as "pending" before the change is made (or the change
+// is refused), finished with its outcome after it.
+class AuditedChange
+{
+public:
+    AuditedChange(AuditTrail& trail, AuditRecord row, void* client)
+        : trail_(trail), row_(std::move(row)), client_(client)
+    {
+    }
+
+    // The checks are done and the change is about to be made on the element.
+    void begin(UINT32 uuid, std::optional<std::string> before,
+               std::optional<std::string> after = std::nullopt)
+    {
+        row_.uuid = uuid;
+        if (uuid != 0)
+        {
+            try
+            {
+                EGW_ElementServerGetIDStringOfElement(row_.idString, uuid, client_);
+            }
+            catch (const std::exception&)
+            {
+                // The row goes without it; the uuid names the element.
+            }
+        }
+        row_.before = std::move(before);
+        row_.after = std::move(after);
+        try
+        {
+            id_ = trail_.begin(row_);
+        }
+        catch (const AuditUnavailable& e)
+        {
+            refuse(ErrorCode::REFUSED, std::string("the audit trail cannot record the change (") +
+                                           e.what() + "); nothing was changed");
+        }
+    }
+    // The value after the change, where there is one.
+    void after(std::optional<std::string> value) { row_.after = std::move(value); }
+
+    // The outcome. The change is made (or failed) by now: a row that cannot be finished stays
+    // "pending", which still shows the attempt, and the client gets the change's real result.
+    void finish(const std::string& result)
+    {
+        if (id_ == 0)
+        {
+            return;
+        }
+        try
+        {
+            trail_.finish(id_, result, row_.after);
+        }
+        catch (const AuditUnavailable& e)
+        {
+            std::cerr << "egwd: audit row " << id_ << " (" << row_.operation
+                      << ") stays pending, its outcome \"" << result
+                      << "\" could not be recorded: " << e.what() << std::endl;
+        }
+        id_ = 0;
+    }
+
+private:
+    AuditTrail& trail_;
+    AuditRecord row_;
+    void* client_;
+    std::int64_t id_ = 0;
+};
 
 // ---- ServiceCore --------------------------------------------------------------------------------
 
-ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source)
+ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source,
+                         std::unique_ptr<AuditTrail> audit)
     : settings_(std::move(settings)),
-      events_(source, 4, settings_.queueLimit, settings_.filterLimit)
+      audit_(audit ? std::move(audit)
+                   : std::make_unique<SqliteAuditTrail>(settings_.database,
+                                                        settings_.auditRetention)),
+      memory_(settings_.database, settings_.eventRows),
+      events_(source, 4, settings_.queueLimit, settings_.filterLimit, &memory_),
+      logins_(settings_.logins, settings_.clock)
 {
 }
 
@@ -171,10 +337,11 @@ PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level)
       id_(core.newSessionId()),
       peer_(std::move(peer)),
       level_(level),
+      lastRequest_(core.settings().clock()),
       client_(NewThriftClientInstance()),
       events_(core.events().attach())
 {
-    ++core_.openSessions;
+    beyondBound_ = ++core_.openSessions > core_.settings().maxSessions;
 }
 
 PanelHandler::~PanelHandler()
@@ -185,8 +352,12 @@ PanelHandler::~PanelHandler()
 }
 
 template <typename Body>
-auto PanelHandler::run(const char* operation, Body&& body)
+auto PanelHandler::run(const char* operation, Body&& body, std::int64_t uuid)
 {
+    operation_ = operation;
+    requestUuid_ = uuid > 0 && uuid <= 0xFFFFFFFF ? static_cast<std::uint32_t>(uuid) : 0;
+    refusalRecorded_ = false;
+    keepSession();
     requireLevel(egwservice::requiredLevel(operation), operation);
     try
     {
@@ -203,10 +374,73 @@ auto PanelHandler::run(const char* operation, Body&& body)
     }
 }
 
-void PanelHandler::requireLevel(int level, const std::string& what) const
+template <typename Body>
+auto PanelHandler::change(const char* operation, std::int64_t uuid, Body&& body)
+{
+    return run(
+        operation,
+        [&] {
+            AuditedChange audited(core_.audit(), auditRow(operation, requestUuid_), client());
+            try
+            {
+                if constexpr (std::is_void_v<decltype(body(audited))>)
+                {
+                    body(audited);
+                    audited.finish("ok");
+                }
+                else
+                {
+                    auto result = body(audited);
+                    audited.finish("ok");
+                    return result;
+                }
+            }
+            catch (const rpc::PanelError& error)
+            {
+                audited.finish(error.message);
+                throw;
+            }
+            catch (const std::exception& e)
+            {
+                audited.finish(std::string("the element server failed (") + e.what() + ")");
+                throw;
+            }
+        },
+        uuid);
+}
+
+AuditRecord PanelHandler::auditRow(const char* operation, std::uint32_t uuid) const
+{
+    AuditRecord row;
+    row.sessionId = id_;
+    row.peer = peer_;
+    row.level = level_;
+    row.operation = operation;
+    row.uuid = uuid;
+    return row;
+}
+
+void PanelHandler::requireLevel(int level, const std::string& what, std::uint32_t uuid) const
 {
     if (level == 0 || level_ < level)
     {
+        // One row per refused request (a batched read may refuse many of its pairs). The
+        // refusal is given whether or not its row could be written.
+        if (!refusalRecorded_)
+        {
+            refusalRecorded_ = true;
+            AuditRecord row = auditRow(operation_, uuid != 0 ? uuid : requestUuid_);
+            row.result = "denied: level " + std::to_string(level) + " needed";
+            try
+            {
+                core_.audit().record(row);
+            }
+            catch (const AuditUnavailable& e)
+            {
+                std::cerr << "egwd: the refusal of " << operation_ << " to session " << id_
+                          << " was not recorded: " << e.what() << std::endl;
+            }
+        }
         rpc::PanelError error;
         error.code = ErrorCode::ACCESS_DENIED;
         error.requiredLevel = level;
@@ -261,6 +495,51 @@ void PanelHandler::getSession(rpc::SessionInfo& _return)
     run("getSession", [&] { _return = sessionInfo(); });
 }
 
+void PanelHandler::keepSession()
+{
+    if (beyondBound_)
+    {
+        refuse(ErrorCode::LIMIT,
+               "the service serves at most " + std::to_string(core_.settings().maxSessions) +
+                   " sessions at once; this connection has none (close it and try again later)");
+    }
+    const SteadyTime now = core_.settings().clock();
+    const std::chrono::seconds idle = core_.settings().sessionIdle;
+    if (level_ > kLowestLevel && now - lastRequest_ >= idle)
+    {
+        recordSession("sessionExpired", std::to_string(kLowestLevel),
+                      "no request for " + std::to_string(idle.count()) + " s", false);
+        level_ = kLowestLevel;
+    }
+    lastRequest_ = now;
+}
+
+void PanelHandler::recordSession(const char* operation, const std::optional<std::string>& after,
+                                 const std::string& result, bool needed)
+{
+    AuditRecord row;
+    row.sessionId = id_;
+    row.peer = peer_;
+    row.level = level_;
+    row.operation = operation;
+    row.before = std::to_string(level_);
+    row.after = after;
+    row.result = result;
+    try
+    {
+        core_.audit().record(row);
+    }
+    catch (const AuditUnavailable& e)
+    {
+        if (needed)
+        {
+            throw;
+        }
+        std::cerr << "egwd: " << operation << " of session " << id_ << " from " << peer_
+                  << " not recorded: " << e.what() << std::endl;
+    }
+}
+
 void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const std::string& password)
 {
     run("login", [&] {
@@ -270,6 +549,18 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
                    "level " + std::to_string(level) + ": a login raises the session to level 2, 3 "
                                                       "or 4 (logout returns to level 1)");
         }
+        const std::string asked = "level " + std::to_string(level);
+        LoginGuard& guard = core_.logins();
+        const std::string address = LoginGuard::addressOf(peer_);
+        const std::chrono::seconds blocked = guard.blockedFor(address);
+        if (blocked.count() > 0)
+        {
+            const std::string wait = std::to_string(blocked.count()) + " s";
+            recordSession("loginBlocked", std::nullopt, asked + ": refused for " + wait + " more",
+                          false);
+            refuse(ErrorCode::LIMIT, "logins from " + address + " are refused for " + wait +
+                                         " more after repeated failed logins");
+        }
         bool accepted = false;
         for (const std::string& expected : levelPasswords(level))
         {
@@ -277,9 +568,25 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
         }
         if (!accepted)
         {
+            const std::chrono::seconds block = guard.failed(address);
+            recordSession("loginFailed", std::nullopt, asked + ": wrong password", false);
             refuse(ErrorCode::BAD_PASSWORD,
-                   "the password for access level " + std::to_string(level) + " is not right");
+                   "the password for access level " + std::to_string(level) + " is not right" +
+                       (block.count() > 0 ? "; logins from " + address + " are now refused for " +
+                                                std::to_string(block.count()) + " s"
+                                          : std::string()));
         }
+        try
+        {
+            recordSession("login", std::to_string(level), "ok", true);
+        }
+        catch (const AuditUnavailable& e)
+        {
+            refuse(ErrorCode::REFUSED,
+                   std::string("the login is not granted: the audit trail cannot record it (") +
+                       e.what() + ")");
+        }
+        guard.succeeded(address);
         level_ = level;
         _return = sessionInfo();
     });
@@ -288,6 +595,7 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
 void PanelHandler::logout(rpc::SessionInfo& _return)
 {
     run("logout", [&] {
+        recordSession("logout", std::to_string(kLowestLevel), "ok", false);
         level_ = kLowestLevel;
         _return = sessionInfo();
     });
@@ -463,7 +771,7 @@ UINT32 PanelHandler::allowedProperty(TypeFacts& facts, const Subject& subject,
     const int level = propertyLevel(property);
     if (level == 0 || level_ < level)
     {
-        requireLevel(level, "property " + hex(property));
+        requireLevel(level, "property " + hex(property), subject.uuid);
     }
     return property;
 }
@@ -611,8 +919,9 @@ void PanelHandler::getBytes(std::string& _return, Uuid uuid, Id propertyId)
     });
 }
 
-void PanelHandler::write(Uuid uuid, Id propertyId, Storage wanted, const char* what,
-                         const std::function<BOOL(UINT32, UINT32)>& store)
+void PanelHandler::write(AuditedChange& change, Uuid uuid, Id propertyId, Storage wanted,
+                         const char* what, const std::function<BOOL(UINT32, UINT32)>& store,
+                         const std::function<void(UINT32)>& check)
 {
     TypeFacts facts;
     const Subject s = facts.element(uuid);
@@ -628,13 +937,22 @@ void PanelHandler::write(Uuid uuid, Id propertyId, Storage wanted, const char* w
         refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(p) + " has storage type " +
                                             std::to_string(storageType) + "; it takes no " + what);
     }
+    if (check)
+    {
+        check(p);
+    }
+    const bool secret = propertyLevel(p) >= kHighestLevel;
+    // The values before and after are this session's: no other session writes in between.
+    const TreeLock lock(client());
+    change.begin(s.uuid, secret ? kHiddenValue : valueText(read(s, p)));
     refused(store(s.uuid, p) == TRUE, "the value of property " + hex(p) + " for " + elementText(s));
+    change.after(secret ? kHiddenValue : valueText(read(s, p)));
 }
 
 void PanelHandler::setBool(Uuid uuid, Id propertyId, bool value)
 {
-    run("setBool", [&] {
-        write(uuid, propertyId, Storage::Truth, "truth value", [&](UINT32 u, UINT32 p) {
+    change("setBool", uuid, [&](AuditedChange& audited) {
+        write(audited, uuid, propertyId, Storage::Truth, "truth value", [&](UINT32 u, UINT32 p) {
             return EGW_ElementServerSetPropertyBoolDataById(u, p, value ? 1 : 0, client());
         });
     });
@@ -642,8 +960,12 @@ void PanelHandler::setBool(Uuid uuid, Id propertyId, bool value)
 
 void PanelHandler::setInteger(Uuid uuid, Id propertyId, std::int64_t value)
 {
-    run("setInteger", [&] {
-        write(uuid, propertyId, Storage::Integer32, "integer", [&](UINT32 u, UINT32 p) {
+    change("setInteger", uuid, [&](AuditedChange& audited) {
+        const auto store = [&](UINT32 u, UINT32 p) {
+            return EGW_ElementServerSetPropertyIntDataById(u, p, static_cast<UINT32>(value),
+                                                           client());
+        };
+        write(audited, uuid, propertyId, Storage::Integer32, "integer", store, [&](UINT32 p) {
             std::int64_t low = -2147483648ll;
             std::int64_t high = 4294967295ll;
             switch (storageOf(EGW_ElementServerGetPropertyTypeById(p)))
@@ -665,15 +987,13 @@ void PanelHandler::setInteger(Uuid uuid, Id propertyId, std::int64_t value)
                        "property " + hex(p) + " holds " + std::to_string(low) + " to " +
                            std::to_string(high) + "; " + std::to_string(value) + " does not fit");
             }
-            return EGW_ElementServerSetPropertyIntDataById(u, p, static_cast<UINT32>(value),
-                                                           client());
         });
     });
 }
 
 void PanelHandler::setDateTime(Uuid uuid, Id propertyId, const rpc::DateTime& value)
 {
-    run("setDateTime", [&] {
+    change("setDateTime", uuid, [&](AuditedChange& audited) {
         const auto in = [](std::int64_t v, std::int64_t high, const char* member) {
             if (v < 0 || v > high)
             {
@@ -688,7 +1008,8 @@ void PanelHandler::setDateTime(Uuid uuid, Id propertyId, const rpc::DateTime& va
         in(value.weekDay, 0xFF, "weekDay");
         in(value.secondOfDay, 0xFFFFFFFFll, "secondOfDay");
         in(value.microsecond, 0xFFFFFFFFll, "microsecond");
-        write(uuid, propertyId, Storage::DateTime, "date-time record", [&](UINT32 u, UINT32 p) {
+        write(audited, uuid, propertyId, Storage::DateTime, "date-time record",
+              [&](UINT32 u, UINT32 p) {
             tagBSC_DATETIME record{};
             record.mYear = static_cast<unsigned short>(value.year);
             record.mMonth = static_cast<unsigned char>(value.month);
@@ -705,9 +1026,9 @@ void PanelHandler::setDateTime(Uuid uuid, Id propertyId, const rpc::DateTime& va
 
 void PanelHandler::setBytes(Uuid uuid, Id propertyId, const std::string& value)
 {
-    run("setBytes", [&] {
+    change("setBytes", uuid, [&](AuditedChange& audited) {
         const UINT16 size = byteCount(value, "value", false);
-        write(uuid, propertyId, Storage::Bytes, "byte string", [&](UINT32 u, UINT32 p) {
+        write(audited, uuid, propertyId, Storage::Bytes, "byte string", [&](UINT32 u, UINT32 p) {
             return EGW_ElementServerSetStringProperty(value.data(), size, u, p, client());
         });
     });
@@ -892,11 +1213,16 @@ void PanelHandler::getStates(std::vector<rpc::StateValue>& _return, Uuid uuid)
 
 void PanelHandler::setState(Uuid uuid, Id groupId, Id value)
 {
-    run("setState", [&] {
+    change("setState", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         const UINT32 group = facts.stateGroup(s, groupId);
         const UINT32 state = facts.stateValue(group, value);
+        const TreeLock lock(client());
+        UINT32 before = 0;
+        EGW_ELementServerGetStateValueByUuid(before, s.uuid, group, client());
+        audited.begin(s.uuid, hex(before) + " (group " + hex(group) + ")",
+                      hex(state) + " (group " + hex(group) + ")");
         refused(EGW_ELementServerSetStateValueByUuid(state, s.uuid, group, client()) == TRUE,
                 "state " + hex(state) + " of group " + hex(group) + " for " + elementText(s));
     });
@@ -904,9 +1230,13 @@ void PanelHandler::setState(Uuid uuid, Id groupId, Id value)
 
 void PanelHandler::resetToDefaultStates(Uuid uuid)
 {
-    run("resetToDefaultStates", [&] {
+    change("resetToDefaultStates", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
-        EGW_SetOneElementToDefaultStates(facts.element(uuid).uuid);
+        const Subject s = facts.element(uuid);
+        const TreeLock lock(client());
+        audited.begin(s.uuid, statesText(statesOf(facts, s, client())));
+        EGW_SetOneElementToDefaultStates(s.uuid);
+        audited.after(statesText(statesOf(facts, s, client())));
     });
 }
 
@@ -944,13 +1274,18 @@ namespace
 {
 
 // Adds or removes one reference relation between two elements.
-void changeRelation(BOOL (*change)(int, int, UINT32, void*), const char* what, PanelHandler::Uuid holder,
-                    PanelHandler::Uuid target, PanelHandler::Id relationType, void* client)
+void changeRelation(AuditedChange& audited, BOOL (*change)(int, int, UINT32, void*),
+                    const char* what, PanelHandler::Uuid holder, PanelHandler::Uuid target,
+                    PanelHandler::Id relationType, void* client)
 {
     TypeFacts facts;
     const Subject from = facts.element(holder, "holder");
     const Subject to = facts.element(target, "target");
     const UINT32 type = idOf(IdKind::Relation, relationType, "relationType");
+    const std::string relation = "relation " + hex(type) + " to element " + std::to_string(to.uuid);
+    const bool adding = change == EGW_ELementServerAddReferenceRelation;
+    audited.begin(from.uuid, adding ? std::nullopt : std::optional<std::string>(relation),
+                  adding ? std::optional<std::string>(relation) : std::nullopt);
     refused(change(static_cast<int>(from.uuid), static_cast<int>(to.uuid), type, client) == TRUE,
             std::string(what) + " of relation " + hex(type) + " from element " +
                 std::to_string(from.uuid) + " to element " + std::to_string(to.uuid));
@@ -960,17 +1295,17 @@ void changeRelation(BOOL (*change)(int, int, UINT32, void*), const char* what, P
 
 void PanelHandler::addRelation(Uuid holder, Uuid target, Id relationType)
 {
-    run("addRelation", [&] {
-        changeRelation(EGW_ELementServerAddReferenceRelation, "the addition", holder, target,
-                       relationType, client());
+    change("addRelation", holder, [&](AuditedChange& audited) {
+        changeRelation(audited, EGW_ELementServerAddReferenceRelation, "the addition", holder,
+                       target, relationType, client());
     });
 }
 
 void PanelHandler::deleteRelation(Uuid holder, Uuid target, Id relationType)
 {
-    run("deleteRelation", [&] {
-        changeRelation(EGW_ELementServerDelReferenceRelation, "the removal", holder, target,
-                       relationType, client());
+    change("deleteRelation", holder, [&](AuditedChange& audited) {
+        changeRelation(audited, EGW_ELementServerDelReferenceRelation, "the removal", holder,
+                       target, relationType, client());
     });
 }
 
@@ -979,12 +1314,16 @@ void PanelHandler::deleteRelation(Uuid holder, Uuid target, Id relationType)
 void PanelHandler::executeCommand(Uuid uuid, Id commandId, Uuid source,
                                   const std::string& parameters)
 {
-    run("executeCommand", [&] {
+    change("executeCommand", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         const UINT32 command = facts.command(s, commandId);
         const UINT32 from = sourceElement(facts, source);
         const UINT16 size = byteCount(parameters, "parameters", true);
+        audited.begin(s.uuid, std::nullopt,
+                      "command " + hex(command) +
+                          (size == 0 ? "" : " parameters " + bytesText(parameters)) +
+                          (from == 0 ? "" : " source " + std::to_string(from)));
         const INT32 status = EGW_ElementServerExecuteCommand(
             s.uuid, command, from, size == 0 ? nullptr : parameters.data(), size, client());
         refused(status == 0, "command " + hex(command) + " for " + elementText(s) + " (status " +
@@ -995,7 +1334,7 @@ void PanelHandler::executeCommand(Uuid uuid, Id commandId, Uuid source,
 void PanelHandler::broadcastCommand(Uuid uuid, Id commandId, Uuid source, Id relationType,
                                     bool forward, bool includeSelf)
 {
-    run("broadcastCommand", [&] {
+    change("broadcastCommand", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         const UINT32 command = idOf(IdKind::Command, commandId, "commandId");
@@ -1014,6 +1353,11 @@ void PanelHandler::broadcastCommand(Uuid uuid, Id commandId, Uuid source, Id rel
         {
             facts.command(facts.element(static_cast<UINT32>(other), "related element"), command);
         }
+        audited.begin(s.uuid, std::nullopt,
+                      "command " + hex(command) + " over relation " + hex(type) +
+                          (forward ? " forward" : " backward") +
+                          (includeSelf ? " with the element" : "") +
+                          (from == 0 ? "" : " source " + std::to_string(from)));
         refused(EGW_BroadcastCommandToRelationship(s.uuid, command, from, type, forward ? 1 : 0,
                                                    includeSelf ? 1 : 0, client()) == TRUE,
                 "the broadcast of command " + hex(command) + " from " + elementText(s));
@@ -1024,7 +1368,7 @@ void PanelHandler::broadcastCommand(Uuid uuid, Id commandId, Uuid source, Id rel
 
 PanelHandler::Uuid PanelHandler::addElement(Uuid parent, Id typeId, bool validate)
 {
-    return run("addElement", [&] {
+    return change("addElement", parent, [&](AuditedChange& audited) {
         TypeFacts facts;
         const UINT32 type = facts.elementType(typeId);
         if (parent == 0)
@@ -1049,18 +1393,21 @@ PanelHandler::Uuid PanelHandler::addElement(Uuid parent, Id typeId, bool validat
                                                    elementText(p));
             }
         }
+        audited.begin(static_cast<UINT32>(parent), std::nullopt, "type " + hex(type));
         const UINT32 added = EGW_ELementServerAddElementByType(static_cast<UINT32>(parent), type,
                                                                validate, client());
         refused(added != 0, "a new element of type " + hex(type));
+        audited.after(std::to_string(added));
         return Uuid{added};
     });
 }
 
 void PanelHandler::deleteElement(Uuid uuid)
 {
-    run("deleteElement", [&] {
+    change("deleteElement", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
         const Subject s = facts.element(uuid);
+        audited.begin(s.uuid, "type " + hex(s.type));
         const INT32 status = EGW_ELementServerDeleteElementByUuid(s.uuid, client());
         refused(status == 0, "the deletion of " + elementText(s) + " (status " +
                                  std::to_string(status) + ")");
@@ -1071,7 +1418,7 @@ std::int64_t PanelHandler::deleteElementWaited(Uuid root,
                                                const std::vector<rpc::StateChange>& changes,
                                                std::int32_t mode)
 {
-    return run("deleteElementWaited", [&] {
+    return change("deleteElementWaited", root, [&](AuditedChange& audited) {
         if (mode < 0 || mode > 2)
         {
             refuse(ErrorCode::BAD_ARGUMENT,
@@ -1088,6 +1435,9 @@ std::int64_t PanelHandler::deleteElementWaited(Uuid root,
             const UINT32 group = facts.stateGroup(target, change.groupId);
             list.push_back({target.uuid, group, facts.stateValue(group, change.value)});
         }
+        audited.begin(s.uuid, "type " + hex(s.type),
+                      "mode " + std::to_string(mode) + ", " + std::to_string(list.size()) +
+                          " state changes");
         return std::int64_t{EGW_ELementServerDeleteElementWaitNotifyByUuid(
             s.uuid, list, static_cast<UINT32>(mode))};
     });
@@ -1095,27 +1445,33 @@ std::int64_t PanelHandler::deleteElementWaited(Uuid root,
 
 std::int64_t PanelHandler::assignGuid(Uuid uuid)
 {
-    return run("assignGuid", [&] {
+    return change("assignGuid", uuid, [&](AuditedChange& audited) {
         // The counter is read and written back in separate steps: one session at a time.
         const TreeLock lock(client());
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         requireGuidProperties(facts, s, client());
+        audited.begin(s.uuid, guidText(facts, s, client()));
         EGW_ELementServerManagerElementGUID(s.uuid, client());
         UINT32 guid = 0;
         EGW_ElementServerGetPropertyIntDataById(s.uuid, kGuidProperty, guid, client());
+        audited.after(guidText(facts, s, client()));
         return std::int64_t{guid};
     });
 }
 
 std::int64_t PanelHandler::validateElement(Uuid uuid)
 {
-    return run("validateElement", [&] {
+    // Validation may give the element its GUID: it is recorded as a change.
+    return change("validateElement", uuid, [&](AuditedChange& audited) {
         const TreeLock lock(client());
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         requireGuidProperties(facts, s, client());
-        return std::int64_t{EGW_ELementServerValidateElementByUuid(s.uuid, client())};
+        audited.begin(s.uuid, guidText(facts, s, client()));
+        const std::int64_t status = EGW_ELementServerValidateElementByUuid(s.uuid, client());
+        audited.after(guidText(facts, s, client()));
+        return status;
     });
 }
 
@@ -1201,21 +1557,129 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
         }
         _return = events_->take(static_cast<std::size_t>(max),
                                 std::chrono::milliseconds(timeoutMs));
-        // A property-change event carries the new value: a password's goes to level 4 only.
-        for (rpc::Event& event : _return)
-        {
-            const auto id = static_cast<UINT32>(event.eventId);
-            if ((id & 0xFFFF0000u) == kPropertyChangeEvent && propertyLevel(id) > level_)
-            {
-                event.data.clear();
-            }
-        }
+        hideSecrets(_return);
     });
+}
+
+void PanelHandler::hideSecrets(std::vector<rpc::Event>& events) const
+{
+    // A property-change event carries the new value: a password's goes to level 4 only.
+    for (rpc::Event& event : events)
+    {
+        const auto id = static_cast<UINT32>(event.eventId);
+        if ((id & 0xFFFF0000u) == kPropertyChangeEvent && propertyLevel(id) > level_)
+        {
+            event.data.clear();
+        }
+    }
 }
 
 void PanelHandler::getElementKeys(std::map<Uuid, std::string>& _return)
 {
     run("getElementKeys", [&] { _return = core_.settings().elementKeys; });
+}
+
+// ---- Records ------------------------------------------------------------------------------------
+
+namespace
+{
+
+constexpr std::int32_t kMostRecords = 1000;
+
+void checkPage(std::int64_t fromMs, std::int64_t toMs, std::int64_t beforeId, std::int32_t max)
+{
+    if (max < 1 || max > kMostRecords)
+    {
+        refuse(ErrorCode::BAD_ARGUMENT,
+               "max " + std::to_string(max) + " is not 1 to " + std::to_string(kMostRecords));
+    }
+    if (fromMs < 0 || toMs < 0 || beforeId < 0)
+    {
+        refuse(ErrorCode::BAD_ARGUMENT, "fromMs, toMs and beforeId are 0 (no bound) or more");
+    }
+}
+
+} // namespace
+
+void PanelHandler::queryAudit(std::vector<rpc::AuditEntry>& _return, const rpc::AuditQuery& query)
+{
+    run("queryAudit", [&] {
+        checkPage(query.fromMs, query.toMs, query.beforeId, query.max);
+        AuditSelection selection;
+        selection.fromMs = query.fromMs;
+        selection.toMs = query.toMs;
+        selection.uuid = word(query.uuid, "uuid");
+        selection.operation = query.operation;
+        selection.beforeId = query.beforeId;
+        selection.max = query.max;
+        std::vector<AuditRow> rows;
+        try
+        {
+            rows = core_.audit().query(selection);
+        }
+        catch (const AuditUnavailable& e)
+        {
+            refuse(ErrorCode::REFUSED, std::string("the audit trail cannot be read (") + e.what() +
+                                           ")");
+        }
+        for (const AuditRow& row : rows)
+        {
+            rpc::AuditEntry entry;
+            entry.id = row.id;
+            entry.timeMs = row.timeMs;
+            entry.sessionId = row.record.sessionId;
+            entry.peer = row.record.peer;
+            entry.accessLevel = row.record.level;
+            entry.operation = row.record.operation;
+            entry.uuid = row.record.uuid;
+            entry.idString = row.record.idString;
+            if (row.record.before)
+            {
+                entry.__set_before(*row.record.before);
+            }
+            if (row.record.after)
+            {
+                entry.__set_after(*row.record.after);
+            }
+            entry.result = row.record.result;
+            _return.push_back(std::move(entry));
+        }
+    });
+}
+
+void PanelHandler::queryEvents(std::vector<rpc::Event>& _return, const rpc::EventQuery& query)
+{
+    run(
+        "queryEvents",
+        [&] {
+            checkPage(query.fromMs, query.toMs, query.beforeId, query.max);
+            EventSelection selection;
+            selection.fromMs = query.fromMs;
+            selection.toMs = query.toMs;
+            for (const std::int32_t category : query.categories)
+            {
+                if (category < 0 || category > 14)
+                {
+                    refuse(ErrorCode::BAD_ARGUMENT, "categories: " + std::to_string(category) +
+                                                        " is no event category (0 to 14)");
+                }
+                selection.categories.push_back(category);
+            }
+            selection.subtree = word(query.subtree, "subtree");
+            selection.beforeId = query.beforeId;
+            selection.max = query.max;
+            try
+            {
+                _return = core_.eventMemory().query(selection);
+            }
+            catch (const DatabaseError& e)
+            {
+                refuse(ErrorCode::REFUSED,
+                       std::string("the event memory cannot be read (") + e.what() + ")");
+            }
+            hideSecrets(_return);
+        },
+        query.subtree);
 }
 
 } // namespace egwservice

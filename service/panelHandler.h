@@ -9,10 +9,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "PanelService.h"
+#include "service/auditTrail.h"
 #include "service/eventHub.h"
+#include "service/eventMemory.h"
+#include "service/loginGuard.h"
 #include "service/requestChecks.h"
 
 namespace egwservice
@@ -28,24 +32,46 @@ struct ServiceSettings
     std::size_t queueLimit = 1000;       // events per session
     std::size_t filterLimit = 10000;     // event ids per session
     std::size_t batchLimit = 100000;     // pairs per batched read
+    // The service's database (audit trail and event memory) and how much of it is kept.
+    std::string database = ":memory:";
+    AuditRetention auditRetention;
+    std::int64_t eventRows = 100000;
+    // Sessions: logins refused after failures from one address, a login that lapses after so
+    // long without a request, and how many sessions may be open at once.
+    LoginLimits logins;
+    std::chrono::seconds sessionIdle{300};
+    long maxSessions = 64;
+    // The time that sessions and the login guard go by; a test gives a clock of its own.
+    SessionClock clock = std::chrono::steady_clock::now;
 };
 
 class ServiceCore
 {
 public:
-    ServiceCore(ServiceSettings settings, EventSource& source);
+    // Opens the database of the settings; throws DatabaseError when it cannot be opened at all.
+    // A test gives an audit trail of its own.
+    ServiceCore(ServiceSettings settings, EventSource& source,
+                std::unique_ptr<AuditTrail> audit = nullptr);
 
     const ServiceSettings& settings() const { return settings_; }
     EventHub& events() { return events_; }
+    AuditTrail& audit() { return *audit_; }
+    EventMemory& eventMemory() { return memory_; }
     std::int64_t newSessionId() { return ++lastSessionId_; }
     // Sessions open now.
     std::atomic<long> openSessions{0};
+    LoginGuard& logins() { return logins_; }
 
 private:
     ServiceSettings settings_;
+    std::unique_ptr<AuditTrail> audit_;
+    EventMemory memory_; // before the events, whose pump stores into it
     EventHub events_;
     std::atomic<std::int64_t> lastSessionId_{0};
+    LoginGuard logins_;
 };
+
+class AuditedChange;
 
 class PanelHandler : public ::egw::rpc::PanelServiceIf
 {
@@ -140,24 +166,53 @@ public:
 
     void getElementKeys(std::map<Uuid, std::string>& _return) override;
 
+    void queryAudit(std::vector<rpc::AuditEntry>& _return, const rpc::AuditQuery& query) override;
+    void queryEvents(std::vector<rpc::Event>& _return, const rpc::EventQuery& query) override;
+
 private:
+    // Serves one request: the session kept, its level checked in the one table, failures turned
+    // into PanelErrors. `uuid` names the element the request is about, for its audit row.
     template <typename Body>
-    auto run(const char* operation, Body&& body);
-    void requireLevel(int level, const std::string& what) const;
+    auto run(const char* operation, Body&& body, std::int64_t uuid = 0);
+    // A request that changes the panel: run() with its audit row around the change. The body
+    // makes its checks, then calls AuditedChange::begin() just before the change.
+    template <typename Body>
+    auto change(const char* operation, std::int64_t uuid, Body&& body);
+    // Refuses (and records the refusal of) a request the session's level does not allow.
+    void requireLevel(int level, const std::string& what, std::uint32_t uuid = 0) const;
+    AuditRecord auditRow(const char* operation, std::uint32_t uuid) const;
+    // Property-change data of passwords is emptied for sessions below their level.
+    void hideSecrets(std::vector<rpc::Event>& events) const;
     // The property, checked against the element's type and the session's level.
     UINT32 allowedProperty(TypeFacts& facts, const Subject& subject, Id propertyId) const;
     rpc::PropertyValue read(const Subject& subject, UINT32 propertyId);
-    void write(Uuid uuid, Id propertyId, Storage wanted, const char* what,
-               const std::function<BOOL(UINT32, UINT32)>& store);
+    // Checks the property's storage against what is written (and the value with `check`, given
+    // the property), records the value before, stores, and records the value after.
+    void write(AuditedChange& change, Uuid uuid, Id propertyId, Storage wanted, const char* what,
+               const std::function<BOOL(UINT32, UINT32)>& store,
+               const std::function<void(UINT32)>& check = nullptr);
     rpc::SessionInfo sessionInfo() const;
+    // Before every request: a session beyond the bound is refused, and a login that has lapsed
+    // drops the session to level 1.
+    void keepSession();
+    // A login, failed or refused login, logout or lapsed login in the audit trail. Only a granted
+    // login waits on its row: the others lower or keep the level and happen all the same.
+    void recordSession(const char* operation, const std::optional<std::string>& after,
+                       const std::string& result, bool needed);
     void* client() const { return client_; }
 
     ServiceCore& core_;
     const std::int64_t id_;
     const std::string peer_;
     int level_;
+    SteadyTime lastRequest_;
+    bool beyondBound_ = false;
     ElementServerThriftClient* client_;
     std::shared_ptr<SessionQueue> events_;
+    // The request being served, for the row of a refusal; one row per refused request.
+    const char* operation_ = "";
+    std::uint32_t requestUuid_ = 0;
+    mutable bool refusalRecorded_ = false;
 };
 
 } // namespace egwservice

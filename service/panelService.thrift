@@ -219,6 +219,42 @@ struct Event {
   10: i64 timeMs        // when the service received it, UTC milliseconds
 }
 
+// One row of the audit trail: an action that changed (or tried to change) the panel, a login,
+// failed login, refused login, logout or session expiry, or a request refused for its access
+// level. Values before and after are in the panel tool's words; absent where there is none.
+struct AuditEntry {
+  1: i64 id,             // increasing; the newest row has the greatest id
+  2: i64 timeMs,         // UTC milliseconds
+  3: i64 sessionId,
+  4: string peer,
+  5: i32 accessLevel,    // the session's level when it asked
+  6: string operation,   // the operation's name as in getAccessLevels(), or login, loginFailed,
+                         // loginBlocked, logout, sessionExpired
+  7: Uuid uuid,          // 0: no element
+  8: string idString,
+  9: optional string before,
+  10: optional string after,
+  11: string result      // "ok", or why not
+}
+// Rows newest first. 0 in a bound means none; beforeId pages backwards (the last id of the
+// previous page).
+struct AuditQuery {
+  1: i64 fromMs,
+  2: i64 toMs,
+  3: Uuid uuid,          // one element's rows
+  4: string operation,   // one operation's rows
+  5: i64 beforeId,
+  6: i32 max             // 1 to 1000
+}
+// Stored events, newest first: each Event's sequence is its id in the event memory.
+struct EventQuery {
+  1: i64 fromMs,
+  2: i64 toMs,
+  3: list<i32> categories, // event categories of the detail record (0 to 14); empty: every one
+  4: Uuid subtree,         // the element and every element below it; 0: the whole panel
+  5: i64 beforeId,
+  6: i32 max               // 1 to 1000
+}
 service PanelService {
   // ---- Service and session ----
   ServiceInfo getServiceInfo() throws (1: PanelError error),
@@ -315,5 +351,8 @@ service PanelService {
 
   // ---- Panel file keys (simulator only) ----
   // The keys of the panel file the service loaded, by uuid; empty on the panel's own tree.
-  map<Uuid, string> getElementKeys() throws (1: PanelError error)
+  map<Uuid, string> getElementKeys() throws (1: PanelError error),
+  // ---- Records ----
+  list<AuditEntry> queryAudit(1: AuditQuery query) throws (1: PanelError error),
+  list<Event> queryEvents(1: EventQuery query) throws (1: PanelError error)
 }

@@ -1,25 +1,194 @@
 #include "service/server.h"
 
+#include <arpa/inet.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <limits>
+
+#include <thrift/TConfiguration.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TCompactProtocol.h>
 #include <thrift/server/TThreadedServer.h>
 #include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TSSLServerSocket.h>
+#include <thrift/transport/TSSLSocket.h>
 #include <thrift/transport/TServerSocket.h>
 #include <thrift/transport/TSocket.h>
+#include <thrift/transport/TVirtualTransport.h>
 
 namespace egwservice
 {
 namespace
 {
 
+using apache::thrift::TConfiguration;
 using apache::thrift::TConnectionInfo;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::transport::TServerSocket;
+using apache::thrift::transport::TServerTransport;
 using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TSSLServerSocket;
+using apache::thrift::transport::TSSLSocketFactory;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+using Clock = std::chrono::steady_clock;
 
 // A string or list longer than this in a request is refused by the protocol before it is read.
 constexpr int kLongestString = 16 * 1024 * 1024;
 constexpr int kLongestList = 1000000;
+
+// One connection's socket, as the framed transport reads it, with two clocks.
+//
+// A single receive timeout on the socket cannot tell a peer that is silent between requests (a
+// client waiting for its operator, minutes are fine) from one that stopped in the middle of a
+// frame (it holds a connection slot and a thread for nothing), and a timeout per read does not
+// bound a frame sent a byte at a time. So this transport follows the frames itself: while no
+// frame has begun, a read may wait for the idle timeout; once the first byte of a frame has
+// come, the whole frame (its 4-byte length, then that many bytes) must arrive before the receive
+// deadline, and every read waits only for what is left of it. On a TLS connection the handshake
+// comes before the first frame: its first byte may take the idle timeout, each of its steps after
+// that the receive timeout.
+class FrameClock : public apache::thrift::transport::TVirtualTransport<FrameClock>
+{
+public:
+    FrameClock(std::shared_ptr<TSocket> socket, const ServerSettings& settings,
+               std::shared_ptr<std::atomic<int>> open, std::shared_ptr<THRIFT_SOCKET> interrupt)
+        : TVirtualTransport(socket->getConfiguration()), socket_(std::move(socket)),
+          receive_(settings.receiveTimeoutMs), idle_(settings.idleTimeoutMs), tls_(settings.tls()),
+          open_(std::move(open)), interrupt_(std::move(interrupt))
+    {
+    }
+    ~FrameClock() override { --*open_; }
+    FrameClock(const FrameClock&) = delete;
+    FrameClock& operator=(const FrameClock&) = delete;
+
+    TSocket& socket() { return *socket_; }
+
+    bool isOpen() const override { return socket_->isOpen(); }
+    bool peek() override { return socket_->peek(); }
+    void open() override { socket_->open(); }
+    void close() override { socket_->close(); }
+    void write(const std::uint8_t* buffer, std::uint32_t length) { socket_->write(buffer, length); }
+    void flush() override { socket_->flush(); }
+    const std::string getOrigin() const override { return socket_->getOrigin(); }
+
+    std::uint32_t read(std::uint8_t* buffer, std::uint32_t length)
+    {
+        if (tls_ && !handshaken_)
+        {
+            shakeHands();
+        }
+        if (headerSeen_ == 0 && bodyLeft_ == 0)
+        {
+            socket_->setRecvTimeout(idle_);
+            const std::uint32_t got = socket_->read(buffer, length);
+            deadline_ = Clock::now() + std::chrono::milliseconds(receive_);
+            follow(buffer, got);
+            return got;
+        }
+        socket_->setRecvTimeout(leftMs());
+        const std::uint32_t got = socket_->read(buffer, length);
+        follow(buffer, got);
+        return got;
+    }
+
+private:
+    // The TLS handshake, at the first read: the peer's first byte may take the idle timeout,
+    // each step of the handshake after it the receive timeout. The wait for that byte is the
+    // plain socket's, so that it does not start the handshake; it wakes when the server stops.
+    void shakeHands()
+    {
+        pollfd wait[2] = {{socket_->getSocketFD(), POLLIN, 0}, {-1, POLLIN, 0}};
+        if (interrupt_)
+        {
+            wait[1].fd = *interrupt_;
+        }
+        const int ready = ::poll(wait, 2, idle_);
+        if (ready <= 0 || (wait[1].revents & POLLIN) != 0)
+        {
+            throw TTransportException(TTransportException::END_OF_FILE,
+                                      "no TLS handshake before the idle timeout");
+        }
+        socket_->setRecvTimeout(receive_);
+        socket_->hasPendingDataToRead(); // TSSLSocket: completes the handshake first
+        handshaken_ = true;
+    }
+
+    int leftMs() const
+    {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+        if (left <= 0)
+        {
+            throw TTransportException(TTransportException::TIMED_OUT,
+                                      "a frame did not arrive within the receive timeout");
+        }
+        return static_cast<int>(left);
+    }
+
+    // Moves along the frame by the bytes read: the 4-byte length first, then the body.
+    void follow(const std::uint8_t* bytes, std::uint32_t count)
+    {
+        for (std::uint32_t i = 0; i < count;)
+        {
+            if (bodyLeft_ == 0)
+            {
+                length_ = (length_ << 8) | bytes[i++];
+                if (++headerSeen_ == 4)
+                {
+                    headerSeen_ = 0;
+                    // An oversize or negative length is the framed transport's to refuse.
+                    bodyLeft_ = length_ & 0x7fffffffu;
+                    length_ = 0;
+                }
+            }
+            else
+            {
+                const std::uint32_t take = std::min(count - i, bodyLeft_);
+                bodyLeft_ -= take;
+                i += take;
+            }
+        }
+    }
+
+    std::shared_ptr<TSocket> socket_;
+    const int receive_;
+    const int idle_;
+    const bool tls_;
+    std::shared_ptr<std::atomic<int>> open_;
+    std::shared_ptr<THRIFT_SOCKET> interrupt_; // readable when the server stops
+    Clock::time_point deadline_;
+    std::uint32_t length_ = 0;
+    int headerSeen_ = 0;
+    std::uint32_t bodyLeft_ = 0;
+    bool handshaken_ = false;
+};
+
+// The framed transport over a connection's FrameClock, with the frame size bound.
+class FramedFactory : public apache::thrift::transport::TTransportFactory
+{
+public:
+    explicit FramedFactory(int maxFrameSize)
+        : configuration_(std::make_shared<TConfiguration>(
+              static_cast<int>(TConfiguration::DEFAULT_MAX_MESSAGE_SIZE), maxFrameSize))
+    {
+    }
+    std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> connection) override
+    {
+        return std::make_shared<apache::thrift::transport::TFramedTransport>(connection,
+                                                                             configuration_);
+    }
+
+private:
+    std::shared_ptr<TConfiguration> configuration_;
+};
 
 class HandlerFactory : public rpc::PanelServiceIfFactory
 {
@@ -29,9 +198,10 @@ public:
     rpc::PanelServiceIf* getHandler(const TConnectionInfo& connection) override
     {
         std::string peer = "unknown";
-        if (const auto socket = std::dynamic_pointer_cast<TSocket>(connection.transport))
+        if (const auto clock = std::dynamic_pointer_cast<FrameClock>(connection.transport))
         {
-            peer = socket->getPeerAddress() + ":" + std::to_string(socket->getPeerPort());
+            peer = clock->socket().getPeerAddress() + ":" +
+                   std::to_string(clock->socket().getPeerPort());
         }
         return new PanelHandler(core_, peer);
     }
@@ -42,19 +212,162 @@ private:
     ServiceCore& core_;
 };
 
+// The TLS listening socket, telling the socket its connections' waits watch for the server's stop.
+class TlsListener : public TSSLServerSocket
+{
+public:
+    using TSSLServerSocket::TSSLServerSocket;
+    std::shared_ptr<THRIFT_SOCKET> stopSignal() const { return pChildInterruptSockReader_; }
+};
+
+std::shared_ptr<TSSLSocketFactory> serverTls(const ServerSettings& settings)
+{
+    auto factory = std::make_shared<TSSLSocketFactory>();
+    factory->server(true);
+    const auto load = [](const char* option, const std::string& file, auto&& step) {
+        // OpenSSL's words for a missing file are "system lib"; the system's own are clearer.
+        if (::access(file.c_str(), R_OK) != 0)
+        {
+            throw TlsFilesRefused(option + (" " + file) + ": " + std::strerror(errno));
+        }
+        try
+        {
+            step(file.c_str());
+        }
+        catch (const TTransportException& e)
+        {
+            throw TlsFilesRefused(option + (" " + file) + ": " + e.what());
+        }
+    };
+    load("--tls-cert", settings.tlsCert, [&](const char* f) { factory->loadCertificate(f); });
+    load("--tls-key", settings.tlsKey, [&](const char* f) { factory->loadPrivateKey(f); });
+    if (!settings.tlsCa.empty())
+    {
+        load("--tls-ca", settings.tlsCa,
+             [&](const char* f) { factory->loadTrustedCertificates(f); });
+    }
+    factory->authenticate(!settings.tlsCa.empty());
+    return factory;
+}
+
 } // namespace
+
+bool isLoopback(const std::string& address)
+{
+    if (address == "localhost")
+    {
+        return true;
+    }
+    in_addr v4{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+    {
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    }
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, address.c_str(), &v6) == 1)
+    {
+        if (IN6_IS_ADDR_LOOPBACK(&v6))
+        {
+            return true;
+        }
+        return IN6_IS_ADDR_V4MAPPED(&v6) && v6.s6_addr[12] == 127;
+    }
+    return false;
+}
+
+void checkSettings(const ServerSettings& settings)
+{
+    if (settings.tlsCert.empty() != settings.tlsKey.empty())
+    {
+        throw SettingsRefused(settings.tlsCert.empty() ? "--tls-key needs --tls-cert"
+                                                       : "--tls-cert needs --tls-key");
+    }
+    if (!settings.tlsCa.empty() && !settings.tls())
+    {
+        throw SettingsRefused("--tls-ca needs --tls-cert and --tls-key");
+    }
+    if (!settings.tls() && !settings.insecure && !isLoopback(settings.address))
+    {
+        throw SettingsRefused(
+            "refusing plain TCP on " + settings.address +
+            ": anyone who reaches that address could read and operate the panel; give "
+            "--tls-cert and --tls-key (and --tls-ca to admit only clients with a certificate), or "
+            "--insecure on a network that is otherwise protected");
+    }
+}
+
+// The listening socket with the connection bound: a connection beyond it is accepted and closed
+// at once, so its peer learns at once instead of waiting in the listen backlog, and the server's
+// own bound is never reached and never stops accepting.
+class PanelServer::BoundedListener : public TServerTransport
+{
+public:
+    BoundedListener(std::shared_ptr<TServerSocket> socket, const ServerSettings& settings)
+        : socket_(std::move(socket)), tls_(std::dynamic_pointer_cast<TlsListener>(socket_)),
+          settings_(settings)
+    {
+    }
+
+    TServerSocket& socket() { return *socket_; }
+
+    bool isOpen() const override { return socket_->isOpen(); }
+    void listen() override { socket_->listen(); }
+    void interrupt() override { socket_->interrupt(); }
+    void interruptChildren() override { socket_->interruptChildren(); }
+    THRIFT_SOCKET getSocketFD() override { return socket_->getSocketFD(); }
+    void close() override { socket_->close(); }
+
+protected:
+    std::shared_ptr<TTransport> acceptImpl() override
+    {
+        for (;;)
+        {
+            auto connection = std::dynamic_pointer_cast<TSocket>(socket_->accept());
+            if (*open_ < settings_.maxConnections)
+            {
+                ++*open_;
+                return std::make_shared<FrameClock>(std::move(connection), settings_, open_,
+                                                    tls_ ? tls_->stopSignal() : nullptr);
+            }
+            connection->close();
+            tellRefused();
+        }
+    }
+
+private:
+    // Said once a minute at most, so that a flood of connections does not flood the log.
+    void tellRefused()
+    {
+        ++refused_;
+        const auto now = Clock::now();
+        if (now - told_ >= std::chrono::minutes(1))
+        {
+            told_ = now;
+            std::cerr << "egwd: all " << settings_.maxConnections
+                      << " connections are in use; closing new ones at once (" << refused_
+                      << " so far)" << std::endl;
+        }
+    }
+
+    std::shared_ptr<TServerSocket> socket_;
+    std::shared_ptr<TlsListener> tls_;
+    const ServerSettings settings_;
+    std::shared_ptr<std::atomic<int>> open_ = std::make_shared<std::atomic<int>>(0);
+    std::atomic<long> refused_{0};
+    Clock::time_point told_ = Clock::now() - std::chrono::minutes(2);
+};
 
 // Tells the bound port once the server listens.
 struct PanelServer::Listening : TServerEventHandler
 {
-    std::shared_ptr<TServerSocket> socket;
+    std::shared_ptr<BoundedListener> listener;
     std::function<void(int)> callback;
 
     void preServe() override
     {
         if (callback)
         {
-            callback(socket->getPort());
+            callback(listener->socket().getPort());
         }
     }
 };
@@ -62,7 +375,21 @@ struct PanelServer::Listening : TServerEventHandler
 PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
     : core_(core), listening_(std::make_shared<Listening>())
 {
-    listening_->socket = std::make_shared<TServerSocket>(settings.address, settings.port);
+    checkSettings(settings);
+    std::shared_ptr<TServerSocket> socket;
+    if (settings.tls())
+    {
+        socket =
+            std::make_shared<TlsListener>(settings.address, settings.port, serverTls(settings));
+    }
+    else
+    {
+        socket = std::make_shared<TServerSocket>(settings.address, settings.port);
+    }
+    // A reply the peer does not take within the receive timeout ends its connection too.
+    socket->setSendTimeout(settings.receiveTimeoutMs);
+    listener_ = std::make_shared<BoundedListener>(socket, settings);
+    listening_->listener = listener_;
     std::shared_ptr<apache::thrift::protocol::TProtocolFactory> protocol;
     if (settings.compact)
     {
@@ -76,9 +403,9 @@ PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
     }
     server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
         std::make_shared<rpc::PanelServiceProcessorFactory>(std::make_shared<HandlerFactory>(core)),
-        listening_->socket,
-        std::make_shared<apache::thrift::transport::TFramedTransportFactory>(), protocol);
-    server_->setConcurrentClientLimit(settings.maxConnections);
+        listener_, std::make_shared<FramedFactory>(settings.maxFrameSize), protocol);
+    // The listener keeps the bound; the server's own one would stop accepting instead.
+    server_->setConcurrentClientLimit(std::numeric_limits<int>::max());
     server_->setServerEventHandler(listening_);
 }
 

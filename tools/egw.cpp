@@ -147,6 +147,14 @@ struct Request
     unsigned devices = 0;
     std::string output;
     bool valueGiven = false;
+    // history and audit
+    std::string database;
+    std::string from;
+    std::string to;
+    std::vector<int> categories;
+    std::string operation;
+    int limit = 50;
+    std::int64_t before = 0;
 };
 
 // The largest panel `generate` writes: a panel loads at a few hundred bytes an element, so ten
@@ -278,6 +286,45 @@ void printJson(const Json& answer)
     std::cout << answer.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
+// egw history and egw audit: from the service's database file, or asked of egwd.
+void showRecords(const Options& options, const Request& request)
+{
+    const bool remote = !options.connection.hostPort.empty();
+    if (remote == !request.database.empty())
+    {
+        throw UsageError(request.command + ": give either --database FILE (the service's database) "
+                                           "or --connect HOST:PORT");
+    }
+    const Panel panel(options);
+    checkGateway();
+    std::unique_ptr<RecordSource> file;
+    RecordSource* source = panel.gateway().records();
+    if (!remote)
+    {
+        file = databaseRecords(request.database);
+        source = file.get();
+    }
+    RecordQuery query;
+    query.fromMs = request.from.empty() ? 0 : parseTime(request.from, "--from");
+    query.toMs = request.to.empty() ? 0 : parseTime(request.to, "--to");
+    if (!request.element.empty())
+    {
+        // A uuid as it is (its element may be gone since), else a key of the panel.
+        if (!parseUnsigned(request.element, query.uuid) || query.uuid == 0)
+        {
+            query.uuid = panel.element(request.element);
+        }
+    }
+    query.operation = request.operation;
+    query.categories = request.categories;
+    query.beforeId = request.before;
+    query.max = request.limit;
+    const bool audit = request.command == "audit";
+    const Json answer =
+        audit ? auditCommand(*source, query) : historyCommand(panel, *source, query);
+    options.json ? printJson(answer) : (audit ? printAudit : printHistory)(answer, std::cout);
+}
+
 // Runs the chosen command; its answer goes to standard output.
 void run(const Options& options, const Request& request)
 {
@@ -289,6 +336,13 @@ void run(const Options& options, const Request& request)
         {
             options.json ? printJson(answer) : printValue(answer, std::cout);
         }
+        return;
+    }
+    if (chosen == "history" || chosen == "audit")
+    {
+        Output out("-");
+        showRecords(options, request);
+        out.finish();
         return;
     }
     const Panel panel(options, chosen != "types");
@@ -418,6 +472,15 @@ int main(int argc, char** argv)
     app.add_option("--password", options.connection.password,
                    "with --connect: the password of that level")
         ->envname("EGW_PASSWORD");
+    app.add_option("--tls-ca", options.connection.tlsCa,
+                   "with --connect: TLS, the service's certificate checked against this CA file")
+        ->check(CLI::ExistingFile);
+    app.add_option("--tls-cert", options.connection.tlsCert,
+                   "with --connect --tls-ca: the client certificate (PEM) to show the service")
+        ->check(CLI::ExistingFile);
+    app.add_option("--tls-key", options.connection.tlsKey,
+                   "with --connect --tls-ca: the private key of --tls-cert")
+        ->check(CLI::ExistingFile);
 
     const auto element = [&](CLI::App* command) {
         command->add_option("element", request.element, "uuid, or key in the panel file")
@@ -448,6 +511,33 @@ int main(int argc, char** argv)
         app.add_subcommand("export", "write the element tree as a panel configuration file");
     exportCommand->add_option("-o,--output", request.output, "file to write; - for standard output")
         ->default_val("-");
+    const auto recordOptions = [&](CLI::App* sub) {
+        sub->add_option("--database", request.database,
+                        "the service's database file (egwd --database), opened read-only")
+            ->check(CLI::ExistingFile);
+        sub->add_option("--from", request.from,
+                        "from this UTC time on, such as 2026-11-23T14:00:00Z");
+        sub->add_option("--to", request.to, "up to this UTC time");
+        sub->add_option("--element", request.element,
+                        "uuid, or key in the panel file, of one element");
+        sub->add_option("--limit", request.limit, "records a page")
+            ->capture_default_str()
+            ->check(CLI::Range(1, 1000));
+        sub->add_option("--before", request.before,
+                        "the next page: records before this id (the previous page names it)")
+            ->check(CLI::PositiveNumber);
+    };
+    CLI::App* history =
+        app.add_subcommand("history", "the events the panel service stored, newest first");
+    recordOptions(history);
+    history
+        ->add_option("--category", request.categories,
+                     "event category of the detail record (0 to 14); may be repeated")
+        ->check(CLI::Range(0, 14));
+    CLI::App* audit = app.add_subcommand("audit", "the panel service's audit trail, newest first");
+    recordOptions(audit);
+    audit->add_option("--operation", request.operation,
+                      "one operation's rows, such as setBytes, login or loginFailed");
     CLI::App* generate = app.add_subcommand("generate", "write a large panel file");
     generate->add_option("--loops", request.loops, "loop cards")
         ->required()

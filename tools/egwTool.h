@@ -128,6 +128,15 @@ Json stateCommand(const Panel& panel, UINT32 uuid, UINT32 groupId, const std::st
 Json commandCommand(const Panel& panel, UINT32 uuid, UINT32 commandId);
 Json demoCommand(const Panel& panel);
 Json eventsCommand(const Panel& panel);
+// The audit trail and the stored events of the panel service, newest first: {"rows": [...],
+// "next": the id to page on from, null on the last page}.
+Json auditCommand(RecordSource& source, const RecordQuery& query);
+Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery& query);
+// UTC milliseconds as "2026-11-23T14:05:00.000Z".
+std::string timeText(std::int64_t ms);
+// "2026-11-23T14:05:00Z", "2026-11-23 14:05" or "2026-11-23" (UTC) in milliseconds; refused
+// with the option's name.
+std::int64_t parseTime(const std::string& text, const std::string& option);
 
 // The text form of each command's answer.
 // The tree's printers: one line an element, indented; or one JSON document of nested elements.
@@ -140,6 +149,8 @@ void printShow(const Json& answer, std::ostream& out);
 void printValue(const Json& answer, std::ostream& out);
 void printDemo(const Json& answer, std::ostream& out);
 void printEvents(const Json& answer, std::ostream& out);
+void printAudit(const Json& answer, std::ostream& out);
+void printHistory(const Json& answer, std::ostream& out);
 // The lines of an event detail, each after the indent.
 void printEventDetail(const Json& event, std::ostream& out, const std::string& indent);
 

@@ -1,15 +1,18 @@
 // The tool's answers from a panel service over the network: one session with egwd, each question
 // one request. The service's refusals come back as GatewayError with the service's own words.
+#include <csignal>
 #include <map>
 
 #include <nlohmann/json.hpp>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TCompactProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TSSLSocket.h>
 #include <thrift/transport/TSocket.h>
 
 #include "PanelService.h"
 #include "tools/panelGateway.h"
+#include "tools/serviceRecords.h"
 
 namespace egwtool
 {
@@ -19,6 +22,7 @@ namespace
 namespace rpc = ::egw::rpc;
 using Json = nlohmann::ordered_json;
 using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TSSLSocketFactory;
 
 constexpr int kReplyWaitMs = 70000; // longer than the longest poll the service allows
 constexpr UINT32 kTruthStorage = 1;
@@ -59,15 +63,56 @@ void splitHostPort(const std::string& text, std::string& host, int& port)
     }
 }
 
-class RemoteGateway : public PanelGateway
+// A plain socket, or with --tls-ca a TLS one: the service's certificate must be signed by that CA
+// and name the host as given (an IP address or a DNS name in its subjectAltName); with
+// --tls-cert/--tls-key the client shows its own certificate.
+std::shared_ptr<TSocket> openSocket(const Connection& connection, const std::string& host, int port,
+                                    std::shared_ptr<TSSLSocketFactory>& tls)
+{
+    if (connection.tlsCa.empty())
+    {
+        if (!connection.tlsCert.empty() || !connection.tlsKey.empty())
+        {
+            throw GatewayError("--tls-cert and --tls-key need --tls-ca");
+        }
+        return std::make_shared<TSocket>(host, port);
+    }
+    if (connection.tlsCert.empty() != connection.tlsKey.empty())
+    {
+        throw GatewayError(connection.tlsCert.empty() ? "--tls-key needs --tls-cert"
+                                                      : "--tls-cert needs --tls-key");
+    }
+    // The factory holds OpenSSL's state; it is kept as long as the socket.
+    tls = std::make_shared<TSSLSocketFactory>();
+    try
+    {
+        tls->loadTrustedCertificates(connection.tlsCa.c_str());
+        tls->authenticate(true);
+        if (!connection.tlsCert.empty())
+        {
+            tls->loadCertificate(connection.tlsCert.c_str());
+            tls->loadPrivateKey(connection.tlsKey.c_str());
+        }
+    }
+    catch (const apache::thrift::TException& e)
+    {
+        throw GatewayError("TLS files: " + std::string(e.what()));
+    }
+    return tls->createSocket(host, port);
+}
+
+class RemoteGateway : public PanelGateway, public RecordSource
 {
 public:
     explicit RemoteGateway(const Connection& connection) : where_(connection.hostPort)
     {
+        // A service that closes the connection (a refused certificate, all connections in use)
+        // is reported as an error, not ended by SIGPIPE.
+        std::signal(SIGPIPE, SIG_IGN);
         std::string host;
         int port = 0;
         splitHostPort(connection.hostPort, host, port);
-        auto socket = std::make_shared<TSocket>(host, port);
+        const std::shared_ptr<TSocket> socket = openSocket(connection, host, port, tls_);
         socket->setRecvTimeout(kReplyWaitMs);
         transport_ = std::make_shared<apache::thrift::transport::TFramedTransport>(socket);
         std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
@@ -105,13 +150,72 @@ public:
         }
     }
 
+    RecordSource* records() override { return this; }
+    std::vector<AuditLine> audit(const RecordQuery& query) override
+    {
+        rpc::AuditQuery asked;
+        asked.fromMs = query.fromMs;
+        asked.toMs = query.toMs;
+        asked.uuid = query.uuid;
+        asked.operation = query.operation;
+        asked.beforeId = query.beforeId;
+        asked.max = query.max;
+        std::vector<rpc::AuditEntry> entries;
+        ask([&] { client_->queryAudit(entries, asked); });
+        std::vector<AuditLine> lines;
+        for (const rpc::AuditEntry& entry : entries)
+        {
+            AuditLine line;
+            line.id = entry.id;
+            line.timeMs = entry.timeMs;
+            line.sessionId = entry.sessionId;
+            line.peer = entry.peer;
+            line.level = entry.accessLevel;
+            line.operation = entry.operation;
+            line.uuid = word(entry.uuid);
+            line.idString = entry.idString;
+            if (entry.__isset.before)
+            {
+                line.before = entry.before;
+            }
+            if (entry.__isset.after)
+            {
+                line.after = entry.after;
+            }
+            line.result = entry.result;
+            lines.push_back(std::move(line));
+        }
+        return lines;
+    }
+    std::vector<StoredEvent> history(const RecordQuery& query) override
+    {
+        rpc::EventQuery asked;
+        asked.fromMs = query.fromMs;
+        asked.toMs = query.toMs;
+        asked.categories.assign(query.categories.begin(), query.categories.end());
+        asked.subtree = query.uuid;
+        asked.beforeId = query.beforeId;
+        asked.max = query.max;
+        std::vector<rpc::Event> events;
+        ask([&] { client_->queryEvents(events, asked); });
+        std::vector<StoredEvent> stored;
+        for (const rpc::Event& event : events)
+        {
+            stored.push_back(storedEventOf(event));
+        }
+        return stored;
+    }
+
     std::string panelName() override
     {
         rpc::ServiceInfo info;
         ask([&] { client_->getServiceInfo(info); });
         return info.panelDescription;
     }
-    UINT32 root() override { return ask([&] { return word(client_->getRoot()); }); }
+    UINT32 root() override
+    {
+        return ask([&] { return word(client_->getRoot()); });
+    }
     std::vector<UINT32> allElements() override
     {
         std::vector<rpc::Uuid> list;
@@ -177,9 +281,12 @@ public:
             else if (value.__isset.dateTime)
             {
                 const rpc::DateTime& d = value.dateTime;
-                json = {{"year", d.year},       {"month", d.month},
-                        {"day", d.day},         {"weekDay", d.weekDay},
-                        {"secondOfDay", d.secondOfDay}, {"microsecond", d.microsecond}};
+                json = {{"year", d.year},
+                        {"month", d.month},
+                        {"day", d.day},
+                        {"weekDay", d.weekDay},
+                        {"secondOfDay", d.secondOfDay},
+                        {"microsecond", d.microsecond}};
             }
             else if (value.storageType != kDateTimeStorage)
             {
@@ -194,9 +301,8 @@ public:
         const Json value = Json::parse(valueText, nullptr, false);
         try
         {
-            const auto storage = static_cast<UINT32>(ask([&] {
-                return client_->getPropertyStorageType(propertyId);
-            }));
+            const auto storage = static_cast<UINT32>(
+                ask([&] { return client_->getPropertyStorageType(propertyId); }));
             if (storage == kTruthStorage && value.is_boolean())
             {
                 ask([&] { client_->setBool(uuid, propertyId, value.get<bool>()); });
@@ -348,6 +454,17 @@ private:
         {
             throw Refused(e.code, e.message);
         }
+        catch (const apache::thrift::transport::TTransportException& e)
+        {
+            // The service closes a connection before answering when all its connections are in
+            // use, or when it speaks TLS and this one does not.
+            const bool closed =
+                e.getType() == apache::thrift::transport::TTransportException::END_OF_FILE;
+            throw GatewayError(where_ + ": " + e.what() +
+                               (closed ? " (the service closed the connection: all its connections "
+                                         "may be in use, or it serves TLS only: --tls-ca)"
+                                       : ""));
+        }
         catch (const apache::thrift::TException& e)
         {
             throw GatewayError(where_ + ": " + e.what());
@@ -397,6 +514,7 @@ private:
     };
 
     std::string where_;
+    std::shared_ptr<TSSLSocketFactory> tls_;
     std::shared_ptr<apache::thrift::transport::TTransport> transport_;
     std::unique_ptr<rpc::PanelServiceClient> client_;
     std::map<rpc::Uuid, std::string> keys_;

@@ -11,4 +11,10 @@ std::unique_ptr<PanelGateway> remoteGateway(const Connection& connection)
                        ": this egw was built without the panel service's client");
 }
 
+std::unique_ptr<RecordSource> databaseRecords(const std::string& file)
+{
+    throw GatewayError("--database " + file +
+                       ": this egw was built without the panel service's records");
+}
+
 } // namespace egwtool

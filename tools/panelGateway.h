@@ -5,7 +5,9 @@
 #define TOOLS_PANEL_GATEWAY_H
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -36,6 +38,64 @@ class GatewayError : public std::runtime_error
 public:
     using std::runtime_error::runtime_error;
 };
+
+// ---- The panel service's records: its audit trail and its event memory ----
+
+// Which records are wanted, newest first; 0 (or empty) means no bound.
+struct RecordQuery
+{
+    std::int64_t fromMs = 0;     // UTC milliseconds
+    std::int64_t toMs = 0;       // UTC milliseconds
+    UINT32 uuid = 0;             // audit: this element's rows; history: it and every one below it
+    std::string operation;       // audit only
+    std::vector<int> categories; // history only: event categories of the detail record
+    std::int64_t beforeId = 0;   // paging: the last id of the previous page
+    int max = 50;                // 1 to 1000
+};
+
+// One row of the audit trail.
+struct AuditLine
+{
+    std::int64_t id = 0;
+    std::int64_t timeMs = 0;
+    std::int64_t sessionId = 0;
+    std::string peer;
+    int level = 1;
+    std::string operation;
+    UINT32 uuid = 0;
+    std::string idString;
+    std::optional<std::string> before;
+    std::optional<std::string> after;
+    std::string result;
+};
+
+// One stored event.
+struct StoredEvent
+{
+    std::int64_t id = 0;
+    std::int64_t timeMs = 0;
+    UINT32 eventId = 0;
+    UINT32 uuid = 0;
+    std::string idString;
+    bool stateChange = false; // group, value and previous hold the change
+    UINT32 group = 0;
+    UINT32 value = 0;
+    UINT32 previous = 0;
+    int category = -1; // -1: no detail record
+    UINT32 source = 0;
+};
+
+class RecordSource
+{
+public:
+    virtual ~RecordSource() = default;
+    // Throws GatewayError when the records cannot be read or the service refuses.
+    virtual std::vector<AuditLine> audit(const RecordQuery& query) = 0;
+    virtual std::vector<StoredEvent> history(const RecordQuery& query) = 0;
+};
+
+// The records in the service's database file, opened read-only; throws GatewayError.
+std::unique_ptr<RecordSource> databaseRecords(const std::string& file);
 
 class PanelGateway
 {
@@ -88,6 +148,9 @@ public:
     virtual std::string keyOf(UINT32 uuid) = 0;
     // The uuid of a key, 0 when no element has it.
     virtual UINT32 uuidOf(const std::string& key) = 0;
+
+    // The records of the panel service; none (null) for the panel in this process.
+    virtual RecordSource* records() { return nullptr; }
 };
 
 // The panel tool's module in this process: the panel's display manager.
@@ -102,6 +165,11 @@ struct Connection
     bool compact = false;   // the compact protocol
     int level = 1;          // the access level to log in at
     std::string password;
+    // TLS, when tlsCa is given: the CA file that signed the service's certificate, and the
+    // client certificate and key for a service that requires one (PEM files).
+    std::string tlsCa;
+    std::string tlsCert;
+    std::string tlsKey;
 };
 // A session with the panel service; throws GatewayError when it cannot be opened.
 std::unique_ptr<PanelGateway> remoteGateway(const Connection& connection);

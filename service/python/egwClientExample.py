@@ -7,6 +7,11 @@ fire alarm), prints the event that reports it and puts the state back.
 
     egwClientExample.py 127.0.0.1:9090 2222
     egwClientExample.py --compact --detector 7 --group 0x80001 --value 0x60002 127.0.0.1:9090 2222
+    egwClientExample.py --tls-ca ca.pem --tls-cert client.pem --tls-key client.key panel:9090 2222
+
+With --tls-ca the connection is TLS: the service's certificate must be signed by that CA and name
+the host as given; --tls-cert and --tls-key show a client certificate to a service that requires one
+(egwd --tls-ca).
 
 Without --detector, --group and --value they are found at run time: the first element of --type
 (default 0x70048, the optical smoke detector of the sample type library), the first state group of
@@ -18,11 +23,12 @@ printed), 2 bad usage, 3 no connection, or no event arrived in time.
 """
 
 import argparse
+import ssl
 import sys
 import time
 
 from thrift.protocol import TBinaryProtocol, TCompactProtocol
-from thrift.transport import TSocket, TTransport
+from thrift.transport import TSocket, TSSLSocket, TTransport
 from thrift.transport.TTransport import TTransportException
 
 from egw_rpc import PanelService
@@ -60,11 +66,28 @@ def parse_arguments():
     parser.add_argument("--value", type=number, help="the state value to raise")
     parser.add_argument("--timeout", type=float, default=10.0,
                         help="seconds to wait for the event (default 10)")
-    return parser.parse_args()
+    parser.add_argument("--tls-ca", help="TLS: the CA file (PEM) that signed egwd's certificate")
+    parser.add_argument("--tls-cert", help="TLS: the client certificate (PEM)")
+    parser.add_argument("--tls-key", help="TLS: the private key of --tls-cert (PEM)")
+    arguments = parser.parse_args()
+    if (arguments.tls_cert is None) != (arguments.tls_key is None):
+        parser.error("--tls-cert and --tls-key go together")
+    if arguments.tls_cert is not None and arguments.tls_ca is None:
+        parser.error("--tls-cert needs --tls-ca")
+    return arguments
 
 
-def connect(host, port, compact):
-    socket = TSocket.TSocket(host, port)
+def connect(host, port, compact, tls_ca=None, tls_cert=None, tls_key=None):
+    if tls_ca is None:
+        socket = TSocket.TSocket(host, port)
+    else:
+        # The service's certificate is checked against the CA, and its names against the host,
+        # by the context during the handshake.
+        context = ssl.create_default_context(cafile=tls_ca)
+        if tls_cert is not None:
+            context.load_cert_chain(tls_cert, tls_key)
+        socket = TSSLSocket.TSSLSocket(host, port, ssl_context=context,
+                                       validate_callback=lambda certificate, name: None)
     socket.setTimeout(30000)
     transport = TTransport.TFramedTransport(socket)
     protocol = (TCompactProtocol.TCompactProtocol if compact
@@ -166,9 +189,11 @@ def main():
     arguments = parse_arguments()
     host, port = arguments.service
     try:
-        transport, client = connect(host, port, arguments.compact)
-    except TTransportException as error:
-        print("egwClientExample: cannot connect to %s:%d: %s" % (host, port, error),
+        transport, client = connect(host, port, arguments.compact, arguments.tls_ca,
+                                    arguments.tls_cert, arguments.tls_key)
+    except (TTransportException, OSError) as error:
+        reason = getattr(error, "inner", None) or error
+        print("egwClientExample: cannot connect to %s:%d: %s" % (host, port, reason),
               file=sys.stderr)
         return 3
     try:
@@ -179,7 +204,8 @@ def main():
               file=sys.stderr)
         return 1
     except (Failed, TTransportException) as error:
-        print("egwClientExample: %s" % error, file=sys.stderr)
+        # A refused TLS handshake shows as the transport's inner error (such as an unknown CA).
+        print("egwClientExample: %s" % (getattr(error, "inner", None) or error), file=sys.stderr)
         return 3
     finally:
         transport.close()

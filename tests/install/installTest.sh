@@ -239,7 +239,8 @@ check_packages()
         service=$(package_file elementgateway-service)
         expect_paths "$service" "usr/bin/egwd" "usr/share/elementGateway/panelService\.thrift" \
             "usr/lib/python3/dist-packages/egw_rpc/PanelService\.py" \
-            "usr/share/elementGateway/examples/egwClientExample\.py" -- "$usr_lib/lib.*" \
+            "usr/share/elementGateway/examples/egwClientExample\.py" \
+            "usr/lib/systemd/system/egwd\.service" -- "$usr_lib/lib.*" \
             "usr/include/.*"
         packages+=("$service")
     fi
@@ -255,6 +256,10 @@ check_packages()
         output=$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$egwd" --version) &&
             grep -q '^egwd ' <<<"$output" || fail "egwd --version from its package's root"
         echo "egwd runs from its package's root"
+        # The unit starts the egwd the package installs.
+        grep -q '^ExecStart=/usr/bin/egwd ' \
+            "$work/root-elementgateway-service/usr/lib/systemd/system/egwd.service" ||
+            fail "the systemd unit does not start /usr/bin/egwd"
     fi
     dev_root=$work/root-libelementgateway-dev/usr
 }

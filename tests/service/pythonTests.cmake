@@ -8,10 +8,21 @@ foreach(part IN LISTS CMAKE_CROSSCOMPILING_EMULATOR)
   list(APPEND egw_python_emulator "--emulator=${part}")
 endforeach()
 
-foreach(name IN ITEMS accessWalk remoteSession clientExample)
+foreach(name IN ITEMS accessWalk remoteSession clientExample crash records)
   add_test(NAME service_python_${name}
            COMMAND ${EGW_SERVICE_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/service/python/${name}Test.py
                    --egwd $<TARGET_FILE:egwd> ${egw_python_emulator}
+                   --example ${PROJECT_SOURCE_DIR}/service/python/egwClientExample.py)
+  set_tests_properties(service_python_${name} PROPERTIES
+    ENVIRONMENT "PYTHONPATH=${CMAKE_BINARY_DIR}/service/gen-py;PYTHONDONTWRITEBYTECODE=1"
+    LABELS service
+    TIMEOUT 300)
+endforeach()
+# Transport: TLS with certificates made by the openssl command, and peers that abuse the port.
+foreach(name IN ITEMS tls abuse)
+  add_test(NAME service_python_${name}
+           COMMAND ${EGW_SERVICE_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/service/python/${name}Test.py
+                   --egwd $<TARGET_FILE:egwd> ${egw_python_emulator} --egw $<TARGET_FILE:egw>
                    --example ${PROJECT_SOURCE_DIR}/service/python/egwClientExample.py)
   set_tests_properties(service_python_${name} PROPERTIES
     ENVIRONMENT "PYTHONPATH=${CMAKE_BINARY_DIR}/service/gen-py;PYTHONDONTWRITEBYTECODE=1"

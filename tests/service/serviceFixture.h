@@ -5,6 +5,8 @@
 #define TESTS_SERVICE_FIXTURE_H
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
@@ -68,19 +70,32 @@ private:
     std::unique_ptr<rpc::PanelServiceClient> rpc_;
 };
 
-// egwd on the sample panel (or on the given files), serving on a free loopback port.
+// egwd on the sample panel (or on the given files), serving on a free loopback port. Its database
+// is a file in a temporary directory of the test's own, unless the settings name one.
 class ServiceFixture : public ::testing::Test
 {
 protected:
     void startService(const egwservice::PanelFiles& files = {},
                       egwservice::ServiceSettings settings = {},
-                      egwservice::ServerSettings server = {})
+                      egwservice::ServerSettings server = {},
+                      std::unique_ptr<egwservice::AuditTrail> audit = nullptr)
     {
         egwservice::preparePanel(files, settings);
         EGW_SetAssertHandler(countReport);
         reports() = 0;
+        if (settings.database == egwservice::ServiceSettings().database)
+        {
+            std::string pattern =
+                (std::filesystem::temp_directory_path() / "egwd-test-XXXXXX").string();
+            if (mkdtemp(pattern.data()) == nullptr)
+            {
+                throw std::runtime_error("no temporary directory for the service's database");
+            }
+            directory_ = pattern;
+            settings.database = directory_ + "/egwd.db";
+        }
         events_ = egwservice::makeEventSource();
-        core_ = std::make_unique<egwservice::ServiceCore>(settings, *events_);
+        core_ = std::make_unique<egwservice::ServiceCore>(settings, *events_, std::move(audit));
         server.address = "127.0.0.1";
         server.port = 0;
         server_ = std::make_unique<egwservice::PanelServer>(*core_, server);
@@ -99,6 +114,11 @@ protected:
         server_.reset();
         core_.reset();
         EGW_SetAssertHandler(nullptr);
+        if (!directory_.empty())
+        {
+            std::error_code ignored;
+            std::filesystem::remove_all(directory_, ignored);
+        }
     }
 
     std::unique_ptr<Client> connect(bool compact = false)
@@ -121,6 +141,8 @@ protected:
 
     egwservice::ServiceCore& core() { return *core_; }
     int port() const { return port_; }
+    // The service's database file.
+    std::string database() const { return core_->settings().database; }
 
 private:
     std::unique_ptr<egwservice::EventSource> events_;
@@ -128,6 +150,7 @@ private:
     std::unique_ptr<egwservice::PanelServer> server_;
     std::thread thread_;
     int port_ = 0;
+    std::string directory_;
 };
 
 } // namespace servicetest

@@ -147,3 +147,11 @@ egw_run(bad_panel
   --panel badPanel.json tree)
 egw_run(generate_and_load "EvacuationZone #[0-9]+  ID 01\\.0001  address 2  \\[evac-2\\]"
   generate --loops 2 --devices 5 -o generated.json && ${EGW_RUN_EMULATOR} \"$<TARGET_FILE:egw>\" --panel generated.json show evac-2)
+
+# egw audit and egw history against a real egwd and its database file.
+if(TARGET egwd)
+  add_test(NAME egw_records
+           COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/recordsRuns.sh
+                   $<TARGET_FILE:egw> $<TARGET_FILE:egwd>)
+  set_tests_properties(egw_records PROPERTIES LABELS service TIMEOUT 300)
+endif()

@@ -15,7 +15,7 @@ import time
 from thrift.Thrift import TType
 
 import egwdProcess
-from egw_rpc.ttypes import PropertyRef, Subscription, SubscriptionKind
+from egw_rpc.ttypes import AuditQuery, EventQuery, PropertyRef, Subscription, SubscriptionKind
 from egwdProcess import PASSWORDS, EgwdTestCase, ErrorCode, PanelError, PanelService
 
 # The access-level passwords of the panel element type (0x70007): levels 2, 3, 3 (service), 4.
@@ -104,6 +104,25 @@ class AccessWalkTest(EgwdTestCase):
             self.assertEqual(client.getSession().accessLevel, 1)
             self.assertPanelError(ErrorCode.ACCESS_DENIED, client.setState, 0, 0, 0)
         self.assertEqual(self.egwd.connect().getSession().accessLevel, 1)
+        # Every refusal of the walk is a row of the audit trail: an operation of level N was
+        # refused at the levels below it, and setState once more after each walk.
+        admin = self.egwd.connect_at(4)
+        denied = {}
+        for row in admin.queryAudit(AuditQuery(max=1000)):
+            if row.result.startswith("denied"):
+                self.assertEqual(row.result, "denied: level %d needed" % table[row.operation])
+                denied[row.operation] = denied.get(row.operation, 0) + 1
+        expected = {operation: level - 1 for operation, level in table.items() if level > 1}
+        expected["setState"] += 4
+        self.assertEqual(denied, expected)
+
+    def test_records_are_queried_within_their_bounds(self):
+        admin = self.egwd.connect_at(4)
+        for query, call in ((AuditQuery, admin.queryAudit), (EventQuery, admin.queryEvents)):
+            for bad in (0, 1001):
+                with self.subTest(query=query.__name__, max=bad):
+                    self.assertPanelError(ErrorCode.BAD_ARGUMENT, call, query(max=bad))
+            self.assertIsInstance(call(query(max=1000)), list)
 
     def test_login_and_logout(self):
         client = self.egwd.connect()

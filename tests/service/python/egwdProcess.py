@@ -41,9 +41,15 @@ settings = argparse.Namespace(egwd=None, example=None, emulator=[])
 class Egwd:
     """One egwd process and the client connections opened to it."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, preexec_fn=None):
         self.compact = "compact" in arguments
         self._folder = tempfile.TemporaryDirectory(prefix="egwd-test-")
+        # The service's database goes to the test's own folder unless the test names one.
+        if "--database" not in arguments:
+            self.database = os.path.join(self._folder.name, "egwd.db")
+            arguments = (*arguments, "--database", self.database)
+        else:
+            self.database = arguments[arguments.index("--database") + 1]
         self._stdout_path = os.path.join(self._folder.name, "stdout")
         self._stderr_path = os.path.join(self._folder.name, "stderr")
         # Files, not pipes: egwd must never block on a full pipe that nobody reads.
@@ -51,7 +57,7 @@ class Egwd:
             self.process = subprocess.Popen(
                 [*settings.emulator, settings.egwd, "--address", "127.0.0.1", "--port", "0",
                  *arguments],
-                stdout=out, stderr=err, stdin=subprocess.DEVNULL)
+                stdout=out, stderr=err, stdin=subprocess.DEVNULL, preexec_fn=preexec_fn)
         self._transports = []
         self.port = self._wait_for_port()
 

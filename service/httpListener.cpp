@@ -1,0 +1,311 @@
+#include "service/httpListener.h"
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+// Debian's cpp-httplib is built with OpenSSL (its pkg-config file says so): SSLServer is there.
+#include <httplib.h>
+#include <openssl/rand.h>
+
+#include <thrift/protocol/TJSONProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+
+namespace egwservice
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+// The content type of the Thrift JSON protocol as the npm thrift package sends it. A form of
+// another site can only send form or plain-text types, and a script of another site that sets
+// this one must first ask (a CORS preflight), which this listener never answers.
+const char* const kThriftJson = "application/vnd.apache.thrift.json";
+const char* const kCookieName = "egwSession";
+
+bool isLoopback(const std::string& address)
+{
+    return address == "localhost" || address == "::1" || address.rfind("127.", 0) == 0;
+}
+
+// 128 random bits, as 32 hexadecimal digits.
+std::string newCookie()
+{
+    unsigned char bits[16];
+    if (RAND_bytes(bits, sizeof bits) != 1)
+    {
+        throw std::runtime_error("no random bits for a session cookie");
+    }
+    static const char digits[] = "0123456789abcdef";
+    std::string cookie;
+    for (const unsigned char byte : bits)
+    {
+        cookie += digits[byte >> 4];
+        cookie += digits[byte & 0x0F];
+    }
+    return cookie;
+}
+
+// The value of our cookie in the request's Cookie header, or empty.
+std::string cookieOf(const httplib::Request& request)
+{
+    const std::string header = request.get_header_value("Cookie");
+    const std::string wanted = std::string(kCookieName) + "=";
+    std::size_t at = 0;
+    while (at < header.size())
+    {
+        while (at < header.size() && (header[at] == ' ' || header[at] == ';'))
+        {
+            ++at;
+        }
+        const std::size_t end = std::min(header.find(';', at), header.size());
+        if (header.compare(at, wanted.size(), wanted) == 0)
+        {
+            return header.substr(at + wanted.size(), end - at - wanted.size());
+        }
+        at = end;
+    }
+    return {};
+}
+
+bool isThriftJson(const httplib::Request& request)
+{
+    const std::string type = request.get_header_value("Content-Type");
+    return type.compare(0, std::strlen(kThriftJson), kThriftJson) == 0 &&
+           (type.size() == std::strlen(kThriftJson) || type[std::strlen(kThriftJson)] == ';');
+}
+
+void answer(httplib::Response& response, int status, const std::string& text)
+{
+    response.status = status;
+    response.set_content(text + "\n", "text/plain; charset=utf-8");
+}
+
+} // namespace
+
+// The browsers' sessions by cookie. A session's calls run one at a time, as on a Thrift
+// connection: the handler is not shared between threads.
+struct PageServer::Sessions
+{
+    struct Session
+    {
+        std::shared_ptr<PanelHandler> handler;
+        rpc::PanelServiceProcessor processor;
+        std::mutex calls;
+        Clock::time_point lastUse;
+
+        explicit Session(std::shared_ptr<PanelHandler> h) : handler(h), processor(h) {}
+    };
+
+    ServiceCore& core;
+    const PageSettings& settings;
+    std::mutex mutex;
+    std::map<std::string, std::shared_ptr<Session>> byCookie;
+
+    Sessions(ServiceCore& c, const PageSettings& s) : core(c), settings(s) {}
+
+    // A new session for the browser, or null when the bound is reached. The browser's old
+    // session, if it names one, ends.
+    std::string open(const std::string& previous, const std::string& peer)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        byCookie.erase(previous);
+        dropIdle();
+        if (byCookie.size() >= settings.maxSessions)
+        {
+            return {};
+        }
+        std::string cookie = newCookie();
+        auto session = std::make_shared<Session>(std::make_shared<PanelHandler>(core, peer));
+        session->lastUse = Clock::now();
+        byCookie.emplace(cookie, std::move(session));
+        return cookie;
+    }
+
+    std::shared_ptr<Session> find(const std::string& cookie)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        dropIdle();
+        const auto found = byCookie.find(cookie);
+        if (found == byCookie.end())
+        {
+            return nullptr;
+        }
+        found->second->lastUse = Clock::now();
+        return found->second;
+    }
+
+    // A session in use is kept alive by the request that holds it.
+    void dropIdle()
+    {
+        const Clock::time_point now = Clock::now();
+        for (auto it = byCookie.begin(); it != byCookie.end();)
+        {
+            it = now - it->second->lastUse > settings.idleLimit ? byCookie.erase(it) : ++it;
+        }
+    }
+};
+
+struct PageServer::Listener
+{
+    std::unique_ptr<httplib::Server> server;
+};
+
+PageServer::PageServer(ServiceCore& core, PageSettings settings)
+    : core_(core), settings_(std::move(settings)),
+      sessions_(std::make_shared<Sessions>(core_, settings_)),
+      listener_(std::make_unique<Listener>())
+{
+    const bool withTls = !settings_.tlsCert.empty() || !settings_.tlsKey.empty();
+    if (withTls && (settings_.tlsCert.empty() || settings_.tlsKey.empty()))
+    {
+        throw PageRefused("the page's HTTPS needs both --tls-cert and --tls-key");
+    }
+    if (!withTls && !settings_.insecure && !isLoopback(settings_.address))
+    {
+        throw PageRefused("the page on " + settings_.address +
+                          " would be plain HTTP off the loopback address: give --tls-cert and "
+                          "--tls-key, or --insecure to accept that");
+    }
+    if (settings_.webRoot.empty() ||
+        !std::filesystem::exists(std::filesystem::path(settings_.webRoot) / "index.html"))
+    {
+        throw PageRefused("the page's files are not found (no index.html in \"" +
+                          settings_.webRoot + "\"): give --web-root");
+    }
+    if (withTls)
+    {
+        auto server = std::make_unique<httplib::SSLServer>(settings_.tlsCert.c_str(),
+                                                           settings_.tlsKey.c_str());
+        if (!server->is_valid())
+        {
+            throw PageRefused("the page's certificate or key does not load (" + settings_.tlsCert +
+                              ", " + settings_.tlsKey + ")");
+        }
+        listener_->server = std::move(server);
+    }
+    else
+    {
+        listener_->server = std::make_unique<httplib::Server>();
+    }
+    httplib::Server& http = *listener_->server;
+    const int threads = settings_.threads;
+    http.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    http.set_payload_max_length(settings_.maxBody);
+    http.set_keep_alive_timeout(2);
+    http.set_read_timeout(10);
+    // The page loads only its own files and talks only to this listener.
+    http.set_default_headers({{"Content-Security-Policy",
+                               "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'; "
+                               "form-action 'none'"},
+                              {"X-Content-Type-Options", "nosniff"},
+                              {"Referrer-Policy", "no-referrer"},
+                              {"Cache-Control", "no-store"}});
+    if (!http.set_mount_point("/", settings_.webRoot))
+    {
+        throw PageRefused("the page's files cannot be served from \"" + settings_.webRoot + "\"");
+    }
+
+    const std::string cookieFlags =
+        std::string("; Path=/; HttpOnly; SameSite=Strict") + (withTls ? "; Secure" : "");
+    const std::shared_ptr<Sessions> sessions = sessions_;
+    http.Post("/session", [sessions, cookieFlags](const httplib::Request& request,
+                                                  httplib::Response& response) {
+        if (!isThriftJson(request))
+        {
+            return answer(response, 415, std::string("a session is started with ") + kThriftJson);
+        }
+        const std::string peer = request.remote_addr + ":" + std::to_string(request.remote_port);
+        const std::string cookie = sessions->open(cookieOf(request), peer);
+        if (cookie.empty())
+        {
+            return answer(response, 503, "the page serves no more browsers at once");
+        }
+        response.set_header("Set-Cookie", std::string(kCookieName) + "=" + cookie + cookieFlags);
+        answer(response, 200, "session started");
+    });
+    http.Post("/thrift", [sessions](const httplib::Request& request, httplib::Response& response) {
+        if (!isThriftJson(request))
+        {
+            return answer(response, 415, std::string("a call is sent as ") + kThriftJson);
+        }
+        const std::shared_ptr<Sessions::Session> session = sessions->find(cookieOf(request));
+        if (!session)
+        {
+            return answer(response, 403, "no session: the page starts one with POST /session");
+        }
+        using apache::thrift::protocol::TJSONProtocol;
+        using apache::thrift::transport::TMemoryBuffer;
+        auto in = std::make_shared<TMemoryBuffer>(
+            reinterpret_cast<std::uint8_t*>(const_cast<char*>(request.body.data())),
+            static_cast<std::uint32_t>(request.body.size()));
+        auto out = std::make_shared<TMemoryBuffer>();
+        try
+        {
+            const std::lock_guard<std::mutex> lock(session->calls);
+            auto input = std::make_shared<TJSONProtocol>(in);
+            auto output = std::make_shared<TJSONProtocol>(out);
+            session->processor.process(input, output, nullptr);
+        }
+        catch (const apache::thrift::TException& e)
+        {
+            return answer(response, 400, std::string("not a Thrift JSON call: ") + e.what());
+        }
+        response.set_content(out->getBufferAsString(), kThriftJson);
+    });
+}
+
+PageServer::~PageServer()
+{
+    stop();
+}
+
+int PageServer::start()
+{
+    httplib::Server& http = *listener_->server;
+    const int port =
+        settings_.port == 0
+            ? http.bind_to_any_port(settings_.address)
+            : (http.bind_to_port(settings_.address, settings_.port) ? settings_.port : -1);
+    if (port < 0)
+    {
+        throw PageRefused("the page cannot listen on " + settings_.address + ":" +
+                          std::to_string(settings_.port));
+    }
+    thread_ = std::thread([&http] { http.listen_after_bind(); });
+    return port;
+}
+
+void PageServer::stop()
+{
+    if (thread_.joinable())
+    {
+        listener_->server->stop();
+        thread_.join();
+    }
+}
+
+bool PageServer::tls() const
+{
+    return dynamic_cast<httplib::SSLServer*>(listener_->server.get()) != nullptr;
+}
+
+std::string findWebRoot(const std::string& egwdPath)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::path programDir = fs::weakly_canonical(egwdPath, ignored).parent_path();
+    for (const fs::path& candidate :
+         {programDir / ".." / "share" / "elementGateway" / "web", programDir / ".." / "web"})
+    {
+        if (fs::exists(candidate / "index.html", ignored))
+        {
+            return fs::weakly_canonical(candidate, ignored).string();
+        }
+    }
+    return {};
+}
+
+} // namespace egwservice
