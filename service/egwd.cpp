@@ -126,6 +126,7 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1, 1000000));
     // Records: the database of the audit trail and the event memory, and what it keeps.
     service.database = "egwd.db";
+    service.followPanel = true;
     app.add_option("--database", service.database,
                    "SQLite database file of the audit trail and the event memory")
         ->capture_default_str();
@@ -228,6 +229,17 @@ int main(int argc, char** argv)
         return 1;
     }
     ServiceCore& core = *opened;
+    // The certificate files are read here, before anything listens.
+    std::unique_ptr<PanelServer> served;
+    try
+    {
+        served = std::make_unique<PanelServer>(core, server);
+    }
+    catch (const TlsFilesRefused& e)
+    {
+        std::cerr << "egwd: " << e.what() << '\n';
+        return 1;
+    }
     // The page takes the Thrift port's TLS pair and its --insecure: the same rule for both.
     std::unique_ptr<PageServer> pageServer;
     if (httpPort >= 0)
@@ -256,16 +268,6 @@ int main(int argc, char** argv)
             std::cerr << "egwd: " << e.what() << '\n';
             return 1;
         }
-    }
-    std::unique_ptr<PanelServer> served;
-    try
-    {
-        served = std::make_unique<PanelServer>(core, server);
-    }
-    catch (const TlsFilesRefused& e)
-    {
-        std::cerr << "egwd: " << e.what() << '\n';
-        return 1;
     }
     PanelServer& panelServer = *served;
     try

@@ -328,6 +328,47 @@ ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source,
       events_(source, 4, settings_.queueLimit, settings_.filterLimit, &memory_),
       logins_(settings_.logins, settings_.clock)
 {
+    if (!settings_.followPanel)
+    {
+        return;
+    }
+    // Every type that can stand in the tree, each with all its state groups and commands. The
+    // queue is closed at once: the events are stored by the pump, nobody takes them from here.
+    follower_ = events_.attach();
+    follower_->close();
+    const std::unique_ptr<ElementServerThriftClient, void (*)(ElementServerThriftClient*)>
+        client(NewThriftClientInstance(), [](ElementServerThriftClient* c) { ThriftClient_Close(c); });
+    std::vector<unsigned int> types;
+    const UINT32 rootType = EGW_ElementServerGetElementTypeByUuid(
+        EGW_ELementServerGetTreeRoot(client.get()), client.get());
+    EGW_BASIC_THRIFT_GetAllChildrenElementType(types, rootType);
+    types.push_back(rootType);
+    for (const unsigned int type : types)
+    {
+        for (const auto kind : {rpc::SubscriptionKind::ALL_STATE_CHANGES,
+                                rpc::SubscriptionKind::ALL_COMMANDS})
+        {
+            rpc::Subscription all;
+            all.kind = kind;
+            all.target = type;
+            try
+            {
+                events_.subscribe(follower_, all, client.get());
+            }
+            catch (const rpc::PanelError&)
+            {
+                // A type without state groups or commands: nothing to follow.
+            }
+        }
+    }
+}
+
+ServiceCore::~ServiceCore()
+{
+    if (follower_)
+    {
+        events_.detach(follower_);
+    }
 }
 
 // ---- Session ------------------------------------------------------------------------------------

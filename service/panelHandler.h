@@ -36,6 +36,9 @@ struct ServiceSettings
     std::string database = ":memory:";
     AuditRetention auditRetention;
     std::int64_t eventRows = 100000;
+    // The service itself follows every state change and command of the panel, so that the event
+    // memory holds the panel's history whether or not a session is watching.
+    bool followPanel = false;
     // Sessions: logins refused after failures from one address, a login that lapses after so
     // long without a request, and how many sessions may be open at once.
     LoginLimits logins;
@@ -52,6 +55,9 @@ public:
     // A test gives an audit trail of its own.
     ServiceCore(ServiceSettings settings, EventSource& source,
                 std::unique_ptr<AuditTrail> audit = nullptr);
+    ~ServiceCore();
+    ServiceCore(const ServiceCore&) = delete;
+    ServiceCore& operator=(const ServiceCore&) = delete;
 
     const ServiceSettings& settings() const { return settings_; }
     EventHub& events() { return events_; }
@@ -69,6 +75,7 @@ private:
     EventHub events_;
     std::atomic<std::int64_t> lastSessionId_{0};
     LoginGuard logins_;
+    std::shared_ptr<SessionQueue> follower_; // the service's own subscriptions, never read
 };
 
 class AuditedChange;

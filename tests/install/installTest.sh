@@ -240,7 +240,9 @@ check_packages()
         expect_paths "$service" "usr/bin/egwd" "usr/share/elementGateway/panelService\.thrift" \
             "usr/lib/python3/dist-packages/egw_rpc/PanelService\.py" \
             "usr/share/elementGateway/examples/egwClientExample\.py" \
-            "usr/lib/systemd/system/egwd\.service" -- "$usr_lib/lib.*" \
+            "usr/lib/systemd/system/egwd\.service" \
+            "usr/share/elementGateway/web/index\.html" "usr/share/elementGateway/web/page\.js" \
+            "usr/share/elementGateway/web/style\.css" -- "$usr_lib/lib.*" \
             "usr/include/.*"
         packages+=("$service")
     fi

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "service/database.h"
@@ -125,6 +127,22 @@ protected:
         return found.at(0);
     }
 };
+
+// The event memory's newest events once it holds `count` of them (or after ten seconds).
+std::vector<rpc::Event> storedEvents(Client& client, std::size_t count)
+{
+    rpc::EventQuery query;
+    query.max = 10;
+    std::vector<rpc::Event> stored;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    client->queryEvents(stored, query);
+    while (stored.size() < count && std::chrono::steady_clock::now() < until)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        client->queryEvents(stored, query);
+    }
+    return stored;
+}
 
 struct Change
 {
@@ -385,6 +403,60 @@ TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
     EXPECT_EQ(timesOf(memory.query(next)), (std::vector<std::int64_t>{4, 3}));
 }
 
+// Two sessions write the same label at once: each row holds the value its own session wrote, and
+// the value before it is the one the previous row left.
+TEST_F(Records, RowsOfConcurrentWritersHoldTheirOwnValues)
+{
+    startService();
+    auto probe = connectAt(3);
+    const rpc::Uuid detector = first(*probe, kDetectorType);
+    constexpr int kWrites = 60;
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 2; ++w)
+    {
+        writers.emplace_back([&, w] {
+            auto writer = connectAt(3);
+            for (int i = 0; i < kWrites; ++i)
+            {
+                (*writer)->setBytes(detector, kLabel, "w" + std::to_string(w) + "-" +
+                                                          std::to_string(i));
+            }
+        });
+    }
+    for (std::thread& writer : writers)
+    {
+        writer.join();
+    }
+    std::vector<AuditRow> rows = storedRows(database(), "setBytes");
+    ASSERT_EQ(rows.size(), 2u * kWrites);
+    std::set<std::string> written;
+    for (std::size_t i = 0; i < rows.size(); ++i)
+    {
+        written.insert(rows[i].record.after.value_or(""));
+        if (i + 1 < rows.size())
+        {
+            EXPECT_EQ(rows[i].record.before, rows[i + 1].record.after) << "row " << rows[i].id;
+        }
+    }
+    EXPECT_EQ(written.size(), 2u * kWrites);
+}
+
+// With no session watching, the service's own subscriptions still bring every state change into
+// the event memory.
+TEST_F(Records, TheEventMemoryKeepsWhatNoSessionFollows)
+{
+    egwservice::ServiceSettings settings;
+    settings.followPanel = true;
+    startService({}, settings);
+    auto operator2 = connectAt(2);
+    const rpc::Uuid detector = first(*operator2, kDetectorType);
+    (*operator2)->setState(detector, kFireAlarmGroup, kFireAlarm);
+    const std::vector<rpc::Event> stored = storedEvents(*operator2, 1);
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0].uuid, detector);
+    EXPECT_EQ(stored[0].stateChange.value, kFireAlarm);
+}
+
 TEST_F(Records, EventsOfADeletedElementAreFoundInItsFormerSubtree)
 {
     startService();
@@ -399,6 +471,7 @@ TEST_F(Records, EventsOfADeletedElementAreFoundInItsFormerSubtree)
     std::vector<rpc::Event> delivered;
     (*admin)->nextEvents(delivered, 10, 5000);
     ASSERT_EQ(delivered.size(), 1u);
+    ASSERT_EQ(storedEvents(*admin, 1).size(), 1u);
     (*admin)->deleteElement(detector);
 
     rpc::EventQuery query;
@@ -444,10 +517,8 @@ TEST_F(Records, AnEventThatCannotBeStoredStillReachesTheSessions)
     (*admin)->setState(detector, kFireAlarmGroup, kNormal);
     (*admin)->nextEvents(delivered, 10, 5000);
     ASSERT_EQ(delivered.size(), 1u);
-    rpc::EventQuery query;
-    query.max = 10;
-    std::vector<rpc::Event> stored;
-    (*admin)->queryEvents(stored, query);
+    // The pump stores an event after it has delivered it.
+    const std::vector<rpc::Event> stored = storedEvents(*admin, 1);
     ASSERT_EQ(stored.size(), 1u);
     EXPECT_EQ(stored[0].stateChange.value, kNormal);
 }
