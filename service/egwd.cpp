@@ -191,6 +191,13 @@ int main(int argc, char** argv)
     try
     {
         checkSettings(server);
+        if (httpPort >= 0)
+        {
+            // The page's listener keeps the same rule on its own address.
+            ServerSettings pageSide = server;
+            pageSide.address = page.address;
+            checkSettings(pageSide);
+        }
     }
     catch (const SettingsRefused& e)
     {

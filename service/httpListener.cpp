@@ -12,6 +12,8 @@
 #include <thrift/protocol/TJSONProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 
+#include "service/server.h"
+
 namespace egwservice
 {
 namespace
@@ -24,11 +26,6 @@ using Clock = std::chrono::steady_clock;
 // this one must first ask (a CORS preflight), which this listener never answers.
 const char* const kThriftJson = "application/vnd.apache.thrift.json";
 const char* const kCookieName = "egwSession";
-
-bool isLoopback(const std::string& address)
-{
-    return address == "localhost" || address == "::1" || address.rfind("127.", 0) == 0;
-}
 
 // 128 random bits, as 32 hexadecimal digits.
 std::string newCookie()
@@ -158,17 +155,14 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
       sessions_(std::make_shared<Sessions>(core_, settings_)),
       listener_(std::make_unique<Listener>())
 {
-    const bool withTls = !settings_.tlsCert.empty() || !settings_.tlsKey.empty();
-    if (withTls && (settings_.tlsCert.empty() || settings_.tlsKey.empty()))
-    {
-        throw PageRefused("the page's HTTPS needs both --tls-cert and --tls-key");
-    }
-    if (!withTls && !settings_.insecure && !isLoopback(settings_.address))
-    {
-        throw PageRefused("the page on " + settings_.address +
-                          " would be plain HTTP off the loopback address: give --tls-cert and "
-                          "--tls-key, or --insecure to accept that");
-    }
+    // The Thrift port's rule: a certificate with its key, and plain HTTP on loopback only.
+    ServerSettings side;
+    side.address = settings_.address;
+    side.tlsCert = settings_.tlsCert;
+    side.tlsKey = settings_.tlsKey;
+    side.insecure = settings_.insecure;
+    checkSettings(side);
+    const bool withTls = side.tls();
     if (settings_.webRoot.empty() ||
         !std::filesystem::exists(std::filesystem::path(settings_.webRoot) / "index.html"))
     {
