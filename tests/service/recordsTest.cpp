@@ -378,20 +378,30 @@ TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
     EXPECT_TRUE(kept[0].__isset.detail);
     EXPECT_FALSE(kept[0].__isset.stateChange);
 
+    const auto selection = [](std::int64_t from, std::int64_t to, std::vector<std::int32_t> categories,
+                              std::uint32_t subtree, int max) {
+        egwservice::EventSelection s;
+        s.fromMs = from;
+        s.toMs = to;
+        s.categories = std::move(categories);
+        s.subtree = subtree;
+        s.max = max;
+        return s;
+    };
     struct Case
     {
         const char* name;
         egwservice::EventSelection selection;
         std::vector<std::int64_t> times;
     };
-    const std::vector<Case> cases = {
-        {"time range", {4, 6, {}, 0, 0, 100}, {6, 5, 4}},
-        {"category", {0, 0, {2}, 0, 0, 100}, {8, 6, 4}},
-        {"categories", {0, 0, {1, 2}, 0, 0, 100}, {8, 7, 6, 5, 4, 3}},
-        {"sub-tree", {0, 0, {}, 7, 0, 100}, {7, 5, 3}},
-        {"the element itself", {0, 0, {}, 105, 0, 100}, {5}},
-        {"sub-tree and category", {0, 0, {1}, 8, 0, 100}, {}},
-        {"page", {0, 0, {}, 1, 0, 4}, {8, 7, 6, 5}},
+    const Case cases[] = {
+        {"time range", selection(4, 6, {}, 0, 100), {6, 5, 4}},
+        {"category", selection(0, 0, {2}, 0, 100), {8, 6, 4}},
+        {"categories", selection(0, 0, {1, 2}, 0, 100), {8, 7, 6, 5, 4, 3}},
+        {"sub-tree", selection(0, 0, {}, 7, 100), {7, 5, 3}},
+        {"the element itself", selection(0, 0, {}, 105, 100), {5}},
+        {"sub-tree and category", selection(0, 0, {1}, 8, 100), {}},
+        {"page", selection(0, 0, {}, 1, 4), {8, 7, 6, 5}},
     };
     for (const Case& c : cases)
     {
@@ -399,7 +409,7 @@ TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
     }
     egwservice::EventSelection next;
     next.max = 4;
-    next.beforeId = memory.query({0, 0, {}, 1, 0, 4}).back().sequence;
+    next.beforeId = memory.query(selection(0, 0, {}, 1, 4)).back().sequence;
     EXPECT_EQ(timesOf(memory.query(next)), (std::vector<std::int64_t>{4, 3}));
 }
 
