@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <CLI/CLI.hpp>
+#include <thrift/TOutput.h>
 
 #include "service/database.h"
 #include "service/hostPanel.h"
@@ -221,6 +222,10 @@ int main(int argc, char** argv)
         return 1;
     }
     std::signal(SIGPIPE, SIG_IGN);
+    // Thrift's own lines (a connection that timed out or failed its handshake) carry egwd's name
+    // like every other line of its log.
+    apache::thrift::GlobalOutput.setOutputFunction(
+        [](const char* message) { std::cerr << "egwd: thrift: " << message << '\n'; });
     // A file grown past the size limit fails its write (EFBIG) like a full disk, and the change
     // it was to record is refused; it must not end the service.
     std::signal(SIGXFSZ, SIG_IGN);
