@@ -148,7 +148,8 @@ class MutualTlsTest(Certificates, EgwdTestCase):
         self.assertRegex(run.stderr, r"egw: 127\.0\.0\.1:\d+: .*(unknown ca|cannot authorize)")
         run = self.run_tool(sys.executable, egwdProcess.settings.example, *stranger, where, "2222")
         self.assertEqual(run.returncode, 3, run.stdout + run.stderr)
-        self.assertIn("unknown ca", run.stderr.lower())
+        # The same race in Python's ssl module: the alert, or the connection found closed.
+        self.assertRegex(run.stderr.lower(), r"unknown ca|eof occurred in violation of protocol")
 
 
 class ServerTlsTest(Certificates, EgwdTestCase):
