@@ -51,13 +51,17 @@ after(async () => {
     if (egwd) await stopEgwd(egwd);
 });
 
+// The page rebuilds its rows as events and zones arrive, so each reading finds its elements and reads
+// them in one step inside the page: puppeteer's $eval finds first and reads in a second round trip,
+// by which time a rebuilt row is detached (no computed style, no layout).
+const readAll = (selector, read) => page.evaluate(`(${read})([...document.querySelectorAll(${JSON.stringify(selector)})])`);
 const summary = () => page.$eval('#summary', (e) => e.textContent);
 // The row of the element once its zone is known (the page asks for it when the row first shows).
 const rowCells = async (uuid) => {
     await page.waitForFunction((id) => [...document.querySelectorAll(`#conditions tr[data-uuid="${id}"] td`)][4]?.textContent !== '…', { timeout: 5000 }, uuid);
     return cells(uuid);
 };
-const cells = (uuid) => page.$$eval(`#conditions tbody tr[data-uuid="${uuid}"] td`, (tds) => tds.map((td) => td.textContent));
+const cells = (uuid) => readAll(`#conditions tbody tr[data-uuid="${uuid}"] td`, (tds) => tds.map((td) => td.textContent));
 
 test('the page loads with the panel, its summary and its disabled detector, and no console error', async () => {
     await page.goto(egwd.url);
@@ -70,7 +74,7 @@ test('the page loads with the panel, its summary and its disabled detector, and 
         ['DISABLEMENT', kitchen.idString, 'Staff kitchen', 'Zone 1, Ground floor', 'DisablementState: Disabled']);
     // The tree shows the element with its ID string, type and state in words; the search finds it.
     await page.type('#search', 'kitchen');
-    const shown = await page.$$eval('#tree button.element', (bs) => bs.filter((b) => b.offsetParent).map((b) => b.textContent));
+    const shown = await readAll('#tree button.element', (bs) => bs.filter((b) => b.offsetParent).map((b) => b.textContent));
     assert.ok(shown.includes(`${kitchen.idString} Staff kitchen (HeatDetector): Disabled`), shown.join('\n'));
     assert.ok(!shown.some((text) => text.includes('Reception')), 'the search leaves other detectors out');
     await page.$eval('#search', (e) => { e.value = ''; e.dispatchEvent(new Event('input')); });
@@ -94,7 +98,7 @@ test('the tree works by keyboard: arrows move and fold, Enter shows an element\'
     await page.keyboard.press('Enter');
     await page.waitForFunction(() => document.querySelector('#details-states')?.textContent.includes('DisablementStateDisabled'), { timeout: 5000 });
     assert.equal(await page.$eval('#details-title', (e) => e.textContent), `Element ${kitchen.idString}`);
-    const details = new Map(await page.$$eval('#details-body dl dt', (dts) => dts.map((dt) => [dt.textContent, dt.nextElementSibling.textContent])));
+    const details = new Map(await readAll('#details-body dl dt', (dts) => dts.map((dt) => [dt.textContent, dt.nextElementSibling.textContent])));
     const expected = [['Type', 'HeatDetector (0x70049)'], ['Label', 'Staff kitchen'], ['Address', '2'], ['AlarmThreshold', '58'],
         ['Zone', `${sample.get('Zone 1').idString} Zone 1`], ['Evacuation zone', `${sample.get('Evacuation zone 1').idString} Evacuation zone 1`]];
     for (const [term, value] of expected) assert.equal(details.get(term), value, term);
@@ -113,9 +117,9 @@ test('a fire alarm and a fault appear in words and colour within one second, fir
     await operator.setState(atrium.uuid, FAULT_STATE, FAULT_OPEN_CIRCUIT);
     await page.waitForFunction((uuid) => document.querySelector(`#conditions tr.fault[data-uuid="${uuid}"]`), { timeout: 1000 }, atrium.uuid);
     assert.equal(await summary(), 'Fire alarms: 1. Faults: 1. Disablements: 1. The panel is NOT in the normal condition.');
-    const order = await page.$$eval('#conditions tbody tr', (rows) => rows.map((r) => r.className));
+    const order = await readAll('#conditions tbody tr', (rows) => rows.map((r) => r.className));
     assert.deepEqual(order, ['fire', 'fault', 'disablement']);
-    const colour = await page.$eval('#conditions tr.fire td', (td) => getComputedStyle(td).backgroundColor);
+    const colour = await readAll('#conditions tr.fire td', (tds) => tds.map((td) => getComputedStyle(td).backgroundColor)[0]);
     assert.equal(colour, 'rgb(176, 0, 32)');
     await page.screenshot({ path: path.join(process.env.EGW_TEST_OUT, 'operator-page.png'), fullPage: true });
     await operator.setState(atrium.uuid, FAULT_STATE, NORMAL);
