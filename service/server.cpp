@@ -2,15 +2,21 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <limits>
+#include <map>
+#include <mutex>
+#include <thread>
 
 #include <thrift/TConfiguration.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -44,6 +50,108 @@ using Clock = std::chrono::steady_clock;
 constexpr int kLongestString = 16 * 1024 * 1024;
 constexpr int kLongestList = 1000000;
 
+// Ends TLS handshakes that take longer than the receive timeout as a whole. The handshake runs
+// inside Thrift's TLS socket, whose waits are bounded one at a time, so a peer that sends its
+// hello a byte at a time would hold a connection and its thread for as long as it likes. One
+// thread keeps the deadlines of the handshakes under way and shuts a late one's socket down,
+// which ends that handshake with an error.
+class HandshakeDeadlines
+{
+public:
+    HandshakeDeadlines() = default;
+    ~HandshakeDeadlines()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+    HandshakeDeadlines(const HandshakeDeadlines&) = delete;
+    HandshakeDeadlines& operator=(const HandshakeDeadlines&) = delete;
+
+    // One handshake's deadline, kept while this lives; the socket stays open until it is gone.
+    class Watch
+    {
+    public:
+        Watch(HandshakeDeadlines& deadlines, int fd, int ms) : deadlines_(deadlines)
+        {
+            const std::lock_guard<std::mutex> lock(deadlines_.mutex_);
+            id_ = deadlines_.next_++;
+            deadlines_.watched_[id_] = {Clock::now() + std::chrono::milliseconds(ms), fd, false};
+            deadlines_.wake_.notify_one();
+        }
+        ~Watch()
+        {
+            const std::lock_guard<std::mutex> lock(deadlines_.mutex_);
+            deadlines_.watched_.erase(id_);
+        }
+        Watch(const Watch&) = delete;
+        Watch& operator=(const Watch&) = delete;
+
+        bool expired() const
+        {
+            const std::lock_guard<std::mutex> lock(deadlines_.mutex_);
+            return deadlines_.watched_.at(id_).expired;
+        }
+
+    private:
+        HandshakeDeadlines& deadlines_;
+        std::uint64_t id_ = 0;
+    };
+
+private:
+    struct Deadline
+    {
+        Clock::time_point when;
+        int fd;
+        bool expired;
+    };
+
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stop_)
+        {
+            auto earliest = Clock::time_point::max();
+            const auto now = Clock::now();
+            for (auto& entry : watched_)
+            {
+                Deadline& deadline = entry.second;
+                if (deadline.expired)
+                {
+                    continue;
+                }
+                if (deadline.when <= now)
+                {
+                    ::shutdown(deadline.fd, SHUT_RDWR);
+                    deadline.expired = true;
+                }
+                else
+                {
+                    earliest = std::min(earliest, deadline.when);
+                }
+            }
+            if (earliest == Clock::time_point::max())
+            {
+                wake_.wait(lock);
+            }
+            else
+            {
+                wake_.wait_until(lock, earliest);
+            }
+        }
+    }
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    std::map<std::uint64_t, Deadline> watched_;
+    std::uint64_t next_ = 0;
+    bool stop_ = false;
+    std::thread thread_{[this] { run(); }}; // last: starts once the members above are made
+};
+
 // One connection's socket, as the framed transport reads it, with two clocks.
 //
 // A single receive timeout on the socket cannot tell a peer that is silent between requests (a
@@ -53,16 +161,20 @@ constexpr int kLongestList = 1000000;
 // frame has begun, a read may wait for the idle timeout; once the first byte of a frame has
 // come, the whole frame (its 4-byte length, then that many bytes) must arrive before the receive
 // deadline, and every read waits only for what is left of it. On a TLS connection the handshake
-// comes before the first frame: its first byte may take the idle timeout, each of its steps after
-// that the receive timeout.
+// comes before the first frame: its first byte may take the idle timeout, the rest of it the
+// receive timeout.
 class FrameClock : public apache::thrift::transport::TVirtualTransport<FrameClock>
 {
 public:
+    // On a TLS connection `handshakes` and `interrupt` are the listener's; otherwise null.
     FrameClock(std::shared_ptr<TSocket> socket, const ServerSettings& settings,
-               std::shared_ptr<std::atomic<int>> open, std::shared_ptr<THRIFT_SOCKET> interrupt)
+               std::shared_ptr<std::atomic<int>> open,
+               std::shared_ptr<HandshakeDeadlines> handshakes,
+               std::shared_ptr<THRIFT_SOCKET> interrupt)
         : TVirtualTransport(socket->getConfiguration()), socket_(std::move(socket)),
-          receive_(settings.receiveTimeoutMs), idle_(settings.idleTimeoutMs), tls_(settings.tls()),
-          open_(std::move(open)), interrupt_(std::move(interrupt))
+          receive_(settings.receiveTimeoutMs), idle_(settings.idleTimeoutMs),
+          open_(std::move(open)), handshakes_(std::move(handshakes)),
+          interrupt_(std::move(interrupt))
     {
     }
     ~FrameClock() override { --*open_; }
@@ -81,7 +193,7 @@ public:
 
     std::uint32_t read(std::uint8_t* buffer, std::uint32_t length)
     {
-        if (tls_ && !handshaken_)
+        if (handshakes_ && !handshaken_)
         {
             shakeHands();
         }
@@ -100,9 +212,9 @@ public:
     }
 
 private:
-    // The TLS handshake, at the first read: the peer's first byte may take the idle timeout,
-    // each step of the handshake after it the receive timeout. The wait for that byte is the
-    // plain socket's, so that it does not start the handshake; it wakes when the server stops.
+    // The TLS handshake, at the first read: the peer's first byte may take the idle timeout, the
+    // whole handshake after it the receive timeout. The wait for that byte is the plain socket's,
+    // so that it does not start the handshake; it wakes when the server stops.
     void shakeHands()
     {
         pollfd wait[2] = {{socket_->getSocketFD(), POLLIN, 0}, {-1, POLLIN, 0}};
@@ -116,8 +228,25 @@ private:
             throw TTransportException(TTransportException::END_OF_FILE,
                                       "no TLS handshake before the idle timeout");
         }
+        const HandshakeDeadlines::Watch watch(*handshakes_, socket_->getSocketFD(), receive_);
         socket_->setRecvTimeout(receive_);
-        socket_->hasPendingDataToRead(); // TSSLSocket: completes the handshake first
+        try
+        {
+            // A write of nothing: TSSLSocket completes the handshake first. (Its reads would
+            // too, but then wait for a request as well; its checks for data skip a socket whose
+            // handshake has not begun.)
+            socket_->write(nullptr, 0);
+        }
+        catch (const TTransportException&)
+        {
+            if (watch.expired())
+            {
+                throw TTransportException(TTransportException::TIMED_OUT,
+                                          "the TLS handshake did not end within the receive "
+                                          "timeout");
+            }
+            throw;
+        }
         handshaken_ = true;
     }
 
@@ -161,8 +290,8 @@ private:
     std::shared_ptr<TSocket> socket_;
     const int receive_;
     const int idle_;
-    const bool tls_;
     std::shared_ptr<std::atomic<int>> open_;
+    std::shared_ptr<HandshakeDeadlines> handshakes_;
     std::shared_ptr<THRIFT_SOCKET> interrupt_; // readable when the server stops
     Clock::time_point deadline_;
     std::uint32_t length_ = 0;
@@ -327,6 +456,7 @@ protected:
             {
                 ++*open_;
                 return std::make_shared<FrameClock>(std::move(connection), settings_, open_,
+                                                    handshakes_,
                                                     tls_ ? tls_->stopSignal() : nullptr);
             }
             connection->close();
@@ -351,6 +481,8 @@ private:
 
     std::shared_ptr<TServerSocket> socket_;
     std::shared_ptr<TlsListener> tls_;
+    std::shared_ptr<HandshakeDeadlines> handshakes_ =
+        tls_ ? std::make_shared<HandshakeDeadlines>() : nullptr;
     const ServerSettings settings_;
     std::shared_ptr<std::atomic<int>> open_ = std::make_shared<std::atomic<int>>(0);
     std::atomic<long> refused_{0};

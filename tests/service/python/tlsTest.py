@@ -6,10 +6,12 @@ that egwd refuses before it listens anywhere.
 """
 
 import os
+import socket
 import ssl
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 import egwdProcess
@@ -155,10 +157,50 @@ class MutualTlsTest(Certificates, EgwdTestCase):
 class ServerTlsTest(Certificates, EgwdTestCase):
     """TLS without client certificates: any client that trusts the server's CA."""
 
+    RECEIVE_MS = 800
+
     def setUp(self):
         self.egwd_arguments = ("--tls-cert", self.file("server.pem"),
-                               "--tls-key", self.file("server.key"))
+                               "--tls-key", self.file("server.key"),
+                               "--receive-timeout", str(self.RECEIVE_MS))
         super().setUp()
+
+    def test_a_handshake_sent_a_byte_at_a_time_ends_at_the_receive_timeout(self):
+        # A real client hello, made in memory, sent one byte every 50 ms: each byte comes well
+        # within the receive timeout, the whole hello (hundreds of bytes) far beyond it.
+        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        with self.assertRaises(ssl.SSLWantReadError):
+            ssl.create_default_context().wrap_bio(incoming, outgoing).do_handshake()
+        hello = outgoing.read()
+        self.assertGreater(len(hello), 100)
+        served = self.tls_client(certificate=None)
+        with socket.create_connection(("127.0.0.1", self.egwd.port), timeout=5) as peer:
+            start = time.monotonic()
+            closed_after = None
+            for byte in hello:
+                try:
+                    peer.sendall(bytes([byte]))
+                except OSError:
+                    closed_after = time.monotonic() - start
+                    break
+                time.sleep(0.05)
+                # The server's closing shows as the end of the stream or a reset.
+                peer.setblocking(False)
+                try:
+                    if peer.recv(1) == b"":
+                        closed_after = time.monotonic() - start
+                        break
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    closed_after = time.monotonic() - start
+                    break
+                finally:
+                    peer.setblocking(True)
+        self.assertIsNotNone(closed_after, "the trickled handshake was never cut off")
+        self.assertLess(closed_after, 3 * self.RECEIVE_MS / 1000)
+        self.assertGreater(closed_after, self.RECEIVE_MS / 1000 / 2)
+        self.assertEqual(served.echo(9), 9)
 
     def test_tls_clients_are_served_and_plain_ones_refused(self):
         self.assertEqual(self.tls_client(certificate=None).echo(8), 8)
