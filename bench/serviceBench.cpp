@@ -3,7 +3,8 @@
 // of about 100,000 elements, and Thrift clients of this process against it. Each property-read
 // figure has a twin made of the bare echo call on the same server and connection, taken in
 // alternating rounds; the program prints the figures with their goals. The memory per idle
-// session is read from an egwd child process. Command and figures: docs/performance.md.
+// session and what the audit trail costs a change are read from egwd child processes. Command and
+// figures: docs/performance.md.
 #include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -462,14 +463,13 @@ void concurrentClients(int port, const std::vector<rpc::Uuid>& detectors)
     const double ratio = median(ratios);
     record("reads / echo throughput, 16 clients (median of rounds)", ratio, "x", ">= 0.7",
            ratio >= 0.7);
-    record("reads / echo, by CPU time per call, 16 clients (median of rounds)",
-           median(cpuRatios), "x");
+    record("reads / echo, by CPU time per call, 16 clients (median of rounds)", median(cpuRatios),
+           "x");
     record("echo, 16 clients, CPU time of the process per call", median(cpuPerCall[0]) / 1000,
            "us");
-    record("getInteger, 16 clients, CPU time of the process per call",
-           median(cpuPerCall[1]) / 1000, "us");
-    record("echo, 16 clients, voluntary context switches per call", median(switchesPerCall[0]),
-           "");
+    record("getInteger, 16 clients, CPU time of the process per call", median(cpuPerCall[1]) / 1000,
+           "us");
+    record("echo, 16 clients, voluntary context switches per call", median(switchesPerCall[0]), "");
     record("getInteger, 16 clients, voluntary context switches per call",
            median(switchesPerCall[1]), "");
 }
@@ -479,7 +479,7 @@ void concurrentClients(int port, const std::vector<rpc::Uuid>& detectors)
 void eventLatency(int port, const std::vector<rpc::Uuid>& detectors)
 {
     constexpr int kClients = 16;
-    constexpr int kRate = 1000;  // state changes per second
+    constexpr int kRate = 1000;   // state changes per second
     constexpr int kEvents = 2000; // per run
     constexpr int kRuns = 5;
     const std::size_t span = std::min<std::size_t>(500, detectors.size());
@@ -508,7 +508,9 @@ void eventLatency(int port, const std::vector<rpc::Uuid>& detectors)
         // passes over the detectors and back to normal on odd ones.
         const std::size_t first = ordinal;
         const auto uuidOf = [&](std::size_t k) { return detectors[k % span]; };
-        const auto valueOf = [&](std::size_t k) { return (k / span) % 2 == 0 ? kPreAlarm : kNormal; };
+        const auto valueOf = [&](std::size_t k) {
+            return (k / span) % 2 == 0 ? kPreAlarm : kNormal;
+        };
         std::unique_ptr<std::atomic<double>[]> sent(new std::atomic<double>[kEvents]);
         for (int k = 0; k < kEvents; ++k)
             sent[k] = 0;
@@ -600,8 +602,7 @@ void eventLatency(int port, const std::vector<rpc::Uuid>& detectors)
     record("state change to client, p99 (all runs pooled)", percentile(pooled, 0.99) / 1e6, "ms",
            "<= 5", percentile(pooled, 0.99) <= 5e6 && lost == 0 && missing == 0);
     record("state change to client, p99 of the worst client", worstClientP99 / 1e6, "ms");
-    record("state change to client, max", pooled.empty() ? 0 : percentile(pooled, 1.0) / 1e6,
-           "ms");
+    record("state change to client, max", pooled.empty() ? 0 : percentile(pooled, 1.0) / 1e6, "ms");
 }
 
 // ---- Memory per idle session of an egwd process -----------------------------------------------
@@ -616,12 +617,18 @@ long residentKiB(pid_t pid)
     return -1;
 }
 
-// egwd as a child process on the sample panel; its port read from the line it prints.
+// egwd as a child process on the sample panel with the given options; its port read from the line
+// it prints.
 class Egwd
 {
 public:
-    explicit Egwd(int maxConnections)
+    explicit Egwd(std::vector<std::string> options)
     {
+        options.insert(options.begin(), {EGW_EGWD, "--port", "0"});
+        std::vector<char*> argv;
+        for (std::string& option : options)
+            argv.push_back(option.data());
+        argv.push_back(nullptr);
         int out[2];
         if (pipe(out) != 0)
             throw std::runtime_error("no pipe for egwd");
@@ -631,9 +638,7 @@ public:
             dup2(out[1], 1);
             close(out[0]);
             close(out[1]);
-            const std::string connections = std::to_string(maxConnections);
-            execl(EGW_EGWD, EGW_EGWD, "--port", "0", "--max-connections", connections.c_str(),
-                  static_cast<char*>(nullptr));
+            execv(EGW_EGWD, argv.data());
             _exit(127);
         }
         close(out[1]);
@@ -692,7 +697,8 @@ void sessionMemory()
     std::vector<double> second;
     for (int run = 0; run < kRuns; ++run)
     {
-        Egwd egwd(2 * kSessions + 8);
+        const std::string bound = std::to_string(2 * kSessions + 8);
+        Egwd egwd({"--max-connections", bound, "--max-sessions", bound, "--database", ":memory:"});
         const long idle = settledKiB(egwd.pid());
         std::vector<std::unique_ptr<Client>> clients;
         const auto open = [&] {
@@ -717,9 +723,102 @@ void sessionMemory()
     record("KiB per idle session, next 200 (median of runs)", median(second), "KiB");
 }
 
+// ---- What the audit trail costs a change -------------------------------------------------------
+
+// A folder in the current directory (the build tree, on the disk the database would use) for
+// egwd's database file; removed with what SQLite left in it when the run ends.
+class DatabaseFolder
+{
+public:
+    DatabaseFolder()
+    {
+        char name[] = "egwServiceBenchXXXXXX";
+        if (mkdtemp(name) == nullptr)
+            throw std::runtime_error("no folder for the benchmark's database");
+        path_ = name;
+    }
+    ~DatabaseFolder()
+    {
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+            std::remove((file() + suffix).c_str());
+        rmdir(path_.c_str());
+    }
+    DatabaseFolder(const DatabaseFolder&) = delete;
+    DatabaseFolder& operator=(const DatabaseFolder&) = delete;
+    std::string file() const { return path_ + "/egwd.db"; }
+
+private:
+    std::string path_;
+};
+
+// Operators' state changes through two egwd processes on the sample panel, side by side: one
+// keeping its audit trail and event memory in a database file (every row synced before the reply),
+// one keeping them in memory. Both record the same rows; the ratio is what the syncs cost.
+void auditCost()
+{
+    std::printf("\nAn audited state change: database file against a database in memory\n");
+    const DatabaseFolder folder;
+    Egwd onDisk({"--database", folder.file()});
+    Egwd inMemory({"--database", ":memory:"});
+    Client disk(onDisk.port());
+    Client memory(inMemory.port());
+    std::vector<rpc::Uuid> detectors;
+    for (Client* client : {&disk, &memory})
+    {
+        rpc::SessionInfo session;
+        (*client)->login(session, 2, "2222");
+        (*client)->collectSubtree(detectors, 0, kDetectorType);
+    }
+    const rpc::Uuid detector = detectors.at(0);
+    bool alarm = false;
+    const auto change = [&](Client& client) {
+        alarm = !alarm;
+        client->setState(detector, kFireAlarmGroup, alarm ? kPreAlarm : kNormal);
+    };
+    const auto read = [&] { disk->getInteger(detector, kAddress); };
+    for (int i = 0; i < 50; ++i) // warm-up
+    {
+        change(disk);
+        change(memory);
+        read();
+    }
+    constexpr int kRounds = 11;
+    constexpr int kCalls = 100;
+    std::vector<double> samples[3]; // file, memory, read
+    std::vector<double> ratios;
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    for (int round = 0; round < kRounds && Clock::now() < deadline && !late(); ++round)
+    {
+        double roundMedian[3] = {};
+        for (int k = 0; k < 3; ++k)
+        {
+            const int kind = (k + round) % 3;
+            std::vector<double> own;
+            for (int i = 0; i < kCalls; ++i)
+            {
+                const double start = nowNs();
+                if (kind == 2)
+                    read();
+                else
+                    change(kind == 0 ? disk : memory);
+                own.push_back(nowNs() - start);
+            }
+            roundMedian[kind] = median(own);
+            samples[kind].insert(samples[kind].end(), own.begin(), own.end());
+        }
+        ratios.push_back(roundMedian[0] / roundMedian[1]);
+    }
+    record("setState audited, database file, p50", percentile(samples[0], 0.5) / 1000, "us");
+    record("setState audited, database file, p99", percentile(samples[0], 0.99) / 1000, "us");
+    record("setState audited, database in memory, p50", percentile(samples[1], 0.5) / 1000, "us");
+    record("getInteger on the same egwd, p50", percentile(samples[2], 0.5) / 1000, "us");
+    record("audited change, file / memory (median of rounds)", median(ratios), "x");
+}
+
 } // namespace
 
-// With arguments, only the parts named: latency, batch, clients, events, memory (for profiling one).
+// With arguments, only the parts named: latency, batch, clients, events, memory, audit (for
+// profiling one).
 int main(int argc, char** argv)
 {
     const auto wanted = [&](const char* part) {
@@ -767,6 +866,8 @@ int main(int argc, char** argv)
     }
     if (wanted("memory"))
         sessionMemory();
+    if (wanted("audit"))
+        auditCost();
     int missed = 0;
     std::printf("\n%-60s %12s %-8s %s\n", "figure", "measured", "", "goal");
     for (const Figure& f : figures())
