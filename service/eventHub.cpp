@@ -320,7 +320,9 @@ void SessionQueue::lose(std::size_t count)
 std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    ready_.wait_for(lock, timeout, [&] { return closed_ || !events_.empty() || lost_ > 0; });
+    ready_.wait_for(lock, timeout,
+                    [&] { return closed_ || !events_.empty() || lost_ > 0 || hurried_; });
+    hurried_ = false;
     if (events_.empty())
     {
         announceLossLocked();
@@ -332,6 +334,15 @@ std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::millise
         events_.pop_front();
     }
     return taken;
+}
+
+void SessionQueue::hurry()
+{
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        hurried_ = true;
+    }
+    ready_.notify_all();
 }
 
 void SessionQueue::close()

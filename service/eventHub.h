@@ -53,8 +53,11 @@ public:
     void push(const rpc::Event& event);
     // Counts events that never reached the queue; the next take() announces them.
     void lose(std::size_t count);
-    // Up to `max` events; waits up to `timeout` for the first one, or until closed.
+    // Up to `max` events; waits up to `timeout` for the first one, or until closed or hurried.
     std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout);
+    // Ends the wait of the take() under way, or else of the next one, at once with what the
+    // queue has. (The next one, so that a take() about to begin is not missed.)
+    void hurry();
     void close();
 
 private:
@@ -66,6 +69,7 @@ private:
     std::int64_t nextSequence_ = 1;
     std::size_t lost_ = 0;
     std::size_t limit_;
+    bool hurried_ = false;
     bool closed_ = false;
 };
 

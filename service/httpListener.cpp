@@ -238,7 +238,14 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
         auto out = std::make_shared<TMemoryBuffer>();
         try
         {
-            const std::lock_guard<std::mutex> lock(session->calls);
+            // A call that finds its session busy is most often an operator's action behind the
+            // page's long poll: the poll ends at once, so the action does not wait it out.
+            std::unique_lock<std::mutex> lock(session->calls, std::try_to_lock);
+            if (!lock.owns_lock())
+            {
+                session->handler->hurryEvents();
+                lock.lock();
+            }
             auto input = std::make_shared<TJSONProtocol>(in);
             auto output = std::make_shared<TJSONProtocol>(out);
             session->processor.process(input, output, nullptr);

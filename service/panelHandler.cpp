@@ -1602,6 +1602,11 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
     });
 }
 
+void PanelHandler::hurryEvents()
+{
+    events_->hurry();
+}
+
 void PanelHandler::hideSecrets(std::vector<rpc::Event>& events) const
 {
     // A property-change event carries the new value: a password's goes to level 4 only.

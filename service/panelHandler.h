@@ -170,6 +170,9 @@ public:
     void unsubscribe(const rpc::Subscription& subscription) override;
     void nextEvents(std::vector<rpc::Event>& _return, std::int32_t max,
                     std::int32_t timeoutMs) override;
+    // Ends this session's nextEvents wait under way at once (not a remote call: the page's
+    // listener uses it so that an operator's action does not queue behind the page's long poll).
+    void hurryEvents();
 
     void getElementKeys(std::map<Uuid, std::string>& _return) override;
 

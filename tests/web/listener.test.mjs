@@ -59,6 +59,21 @@ test('calls are refused without the Thrift JSON type, without a session, or too 
     assert.equal(garbage.status, 400);
 });
 
+test('an action does not wait for its session\'s long poll: the poll ends at once', async () => {
+    const cookie = (await session()).split(';')[0];
+    const started = Date.now();
+    const poll = post('/thrift', JSON_TYPE, '[1,"nextEvents",1,0,{"1":{"i32":100},"2":{"i32":5000}}]', cookie)
+        .then(async (response) => ({ ms: Date.now() - started, text: await response.text() }));
+    await new Promise((resolve) => setTimeout(resolve, 300)); // the poll is waiting
+    const echo = await post('/thrift', JSON_TYPE, '[1,"echo",1,0,{"1":{"i64":7}}]', cookie);
+    const echoMs = Date.now() - started;
+    assert.equal(await echo.text(), '[1,"echo",2,0,{"0":{"i64":7}}]');
+    const polled = await poll;
+    assert.equal(polled.text, '[1,"nextEvents",2,0,{"0":{"lst":["rec",0]}}]');
+    assert.ok(echoMs < 2000, `the echo came ${echoMs} ms after the poll began`);
+    assert.ok(polled.ms < 2000, `the poll ended ${polled.ms} ms after it began`);
+});
+
 test('the page and its files are served with a strict content policy', async () => {
     const index = await fetch(egwd.url);
     assert.equal(index.status, 200);
