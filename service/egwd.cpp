@@ -15,6 +15,7 @@
 #include "service/hostPanel.h"
 #include "service/httpListener.h"
 #include "service/server.h"
+#include "service/thriftLog.h"
 
 using namespace egwservice;
 
@@ -223,9 +224,10 @@ int main(int argc, char** argv)
     }
     std::signal(SIGPIPE, SIG_IGN);
     // Thrift's own lines (a connection that timed out or failed its handshake) carry egwd's name
-    // like every other line of its log.
+    // like every other line of its log, at most 20 a minute.
+    static ThriftLog thriftLog(std::cerr, 20);
     apache::thrift::GlobalOutput.setOutputFunction(
-        [](const char* message) { std::cerr << "egwd: thrift: " << message << '\n'; });
+        [](const char* message) { thriftLog.write(message); });
     // A file grown past the size limit fails its write (EFBIG) like a full disk, and the change
     // it was to record is refused; it must not end the service.
     std::signal(SIGXFSZ, SIG_IGN);
@@ -297,6 +299,7 @@ int main(int argc, char** argv)
                   << e.what() << '\n';
         return 1;
     }
+    thriftLog.finish();
     std::cerr << "egwd: stopped" << std::endl;
     return 0;
 }

@@ -101,6 +101,12 @@ class AbuseTest(EgwdTestCase):
                  WARM_UP_BATCHES * BATCH, after, 100.0 * (after - before) / before),
               file=sys.stderr)
         self.assertEqual(self.egwd.connect().echo(12), 12)
+        # Each abusive connection gives Thrift a line to log; egwd passes on 20 a minute.
+        thrift_lines = [line for line in self.egwd.stderr().splitlines()
+                        if line.startswith("egwd: thrift: ")]
+        minutes = int(seconds // 60) + 2
+        print("egwd's log: %d of Thrift's lines" % len(thrift_lines), file=sys.stderr)
+        self.assertLessEqual(len(thrift_lines), 20 * minutes)
         # The address sanitizer keeps freed memory in quarantine; there the abuse runs for its
         # checks, and only a build without it shows what egwd keeps.
         if not sanitized(egwdProcess.settings.egwd):
