@@ -1,6 +1,7 @@
 // egw: the panel tool. Loads a panel into the simulator through the gateway and works on it.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
@@ -188,6 +189,10 @@ public:
         if (!stream().flush())
         {
             const int error = errno;
+            if (error == EPIPE)
+            {
+                throw ReaderGone();
+            }
             throw ToolError(
                 (toStandardOutput() ? std::string("standard output") : path_) +
                 ": cannot be written: " + (error != 0 ? std::strerror(error) : "write error"));
@@ -357,6 +362,10 @@ void run(const Options& options, const Request& request)
         const TreeVisitor print = options.json ? treeJson(std::cout) : treeText(std::cout);
         treeCommand(panel, [&](const Json* summary, std::size_t depth, bool hasChildren) {
             print(summary, depth, hasChildren);
+            if (!std::cout)
+            {
+                out.finish(); // the reader is gone or the disk full: no use walking on
+            }
             if (summary != nullptr && ++done % 4096 == 0 && total > 0)
             {
                 bar.step(static_cast<double>(done) / total);
@@ -433,6 +442,27 @@ void run(const Options& options, const Request& request)
     out.finish();
 }
 
+// The options of a connection that depend on one another: a level above 1 needs its password,
+// a password needs its level, and a panel file means nothing to a panel that egwd serves.
+void checkConnectionWords(const Options& options, const CLI::Option& level,
+                          const CLI::Option& password)
+{
+    if (level.count() != 0 && options.connection.level > 1 && options.connection.password.empty())
+    {
+        throw UsageError("--level " + std::to_string(options.connection.level) +
+                         " needs --password (or EGW_PASSWORD)");
+    }
+    if (password.count() != 0 && level.count() == 0)
+    {
+        throw UsageError("--password needs --level (the access level it opens)");
+    }
+    if (!options.panelFile.empty() && !options.connection.hostPort.empty())
+    {
+        throw UsageError("--panel loads a panel in this process; with --connect the panel is the "
+                         "one egwd serves");
+    }
+}
+
 // One message for a refused run: on standard error after the tool's name, and with --json also as
 // a JSON document on standard output.
 int refuse(bool json, const std::string& message, int status)
@@ -462,25 +492,42 @@ int main(int argc, char** argv)
     app.add_option("--panel", options.panelFile, "panel configuration file (default: the sample)")
         ->check(CLI::ExistingFile);
     app.add_flag("--json", options.json, "machine-readable output");
-    app.add_option("--connect", options.connection.hostPort,
-                   "work on the panel that egwd serves at HOST:PORT instead of a loaded one");
+    CLI::Option* connect =
+        app.add_option("--connect", options.connection.hostPort,
+                       "work on the panel that egwd serves at HOST:PORT instead of a loaded one")
+            ->check(CLI::Validator(
+                [](std::string& text) {
+                    std::string host;
+                    int port = 0;
+                    return splitHostPort(text, host, port) ? std::string() : hostPortRule(text);
+                },
+                "HOST:PORT"));
+    // The options of a connection mean nothing without one; given alone they are refused rather
+    // than ignored.
     app.add_flag("--compact", options.connection.compact,
-                 "with --connect: the compact protocol (as egwd --protocol compact)");
-    app.add_option("--level", options.connection.level,
-                   "with --connect: the access level to log in at (2 to 4; 1: none)")
-        ->check(CLI::Range(1, 4));
-    app.add_option("--password", options.connection.password,
-                   "with --connect: the password of that level")
-        ->envname("EGW_PASSWORD");
-    app.add_option("--tls-ca", options.connection.tlsCa,
-                   "with --connect: TLS, the service's certificate checked against this CA file")
-        ->check(CLI::ExistingFile);
+                 "with --connect: the compact protocol (as egwd --protocol compact)")
+        ->needs(connect);
+    CLI::Option* level =
+        app.add_option("--level", options.connection.level,
+                       "with --connect: the access level to log in at (2 to 4; 1: none)")
+            ->check(CLI::Range(1, 4))
+            ->needs(connect);
+    CLI::Option* password = app.add_option("--password", options.connection.password,
+                                           "with --connect --level: the password of that level")
+                                ->envname("EGW_PASSWORD");
+    CLI::Option* tlsCa =
+        app.add_option("--tls-ca", options.connection.tlsCa,
+                       "with --connect: TLS, the service's certificate checked against this CA file")
+            ->check(CLI::ExistingFile)
+            ->needs(connect);
     app.add_option("--tls-cert", options.connection.tlsCert,
                    "with --connect --tls-ca: the client certificate (PEM) to show the service")
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile)
+        ->needs(tlsCa);
     app.add_option("--tls-key", options.connection.tlsKey,
                    "with --connect --tls-ca: the private key of --tls-cert")
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile)
+        ->needs(tlsCa);
 
     const auto element = [&](CLI::App* command) {
         command->add_option("element", request.element, "uuid, or key in the panel file")
@@ -581,6 +628,7 @@ int main(int argc, char** argv)
             throw UsageError(request.command + ": " + refused(unknown.front()));
         }
         request.valueGiven = stateValue->count() != 0;
+        checkConnectionWords(options, *level, *password);
         run(options, request);
         return 0;
     }
@@ -599,6 +647,12 @@ int main(int argc, char** argv)
     catch (const UsageError& e)
     {
         return refuse(json, e.what(), 2);
+    }
+    catch (const ReaderGone&)
+    {
+        // The reader of the output went away (egw tree | head): nothing more is wanted, and
+        // nobody is there to read a message. The status is the one a pipe's end would give.
+        return 128 + SIGPIPE;
     }
     catch (const ToolError& e)
     {

@@ -35,6 +35,11 @@ public:
     using ToolError::ToolError;
 };
 
+// The reader of standard output has gone (a closed pipe): the run ends quietly.
+class ReaderGone : public std::exception
+{
+};
+
 struct Options
 {
     std::string typesFile; // empty: the simulator's sample type library

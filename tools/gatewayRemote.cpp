@@ -39,30 +39,6 @@ std::vector<UINT32> words(const std::vector<From>& list)
     return out;
 }
 
-// "HOST:PORT" or "[IPv6]:PORT".
-void splitHostPort(const std::string& text, std::string& host, int& port)
-{
-    const std::size_t colon = text.rfind(':');
-    std::size_t used = 0;
-    try
-    {
-        port = colon == std::string::npos ? -1 : std::stoi(text.substr(colon + 1), &used);
-    }
-    catch (const std::logic_error&)
-    {
-        port = -1;
-    }
-    if (port <= 0 || port > 65535 || used != text.size() - colon - 1 || colon == 0)
-    {
-        throw GatewayError("--connect " + text + ": expected HOST:PORT, such as 127.0.0.1:9190");
-    }
-    host = text.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-    {
-        host = host.substr(1, host.size() - 2);
-    }
-}
-
 // A plain socket, or with --tls-ca a TLS one: the service's certificate must be signed by that CA
 // and name the host as given (an IP address or a DNS name in its subjectAltName); with
 // --tls-cert/--tls-key the client shows its own certificate.
@@ -111,7 +87,10 @@ public:
         std::signal(SIGPIPE, SIG_IGN);
         std::string host;
         int port = 0;
-        splitHostPort(connection.hostPort, host, port);
+        if (!splitHostPort(connection.hostPort, host, port))
+        {
+            throw GatewayError("--connect " + hostPortRule(connection.hostPort));
+        }
         const std::shared_ptr<TSocket> socket = openSocket(connection, host, port, tls_);
         socket->setRecvTimeout(kReplyWaitMs);
         transport_ = std::make_shared<apache::thrift::transport::TFramedTransport>(socket);

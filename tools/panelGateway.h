@@ -171,6 +171,11 @@ struct Connection
     std::string tlsCert;
     std::string tlsKey;
 };
+// Splits "HOST:PORT" (the host may be "[v6]"); false when it is not of that form or the port is
+// not 1 to 65535. hostPortRule() is the refusal's text.
+bool splitHostPort(const std::string& text, std::string& host, int& port);
+std::string hostPortRule(const std::string& text);
+
 // A session with the panel service; throws GatewayError when it cannot be opened.
 std::unique_ptr<PanelGateway> remoteGateway(const Connection& connection);
 

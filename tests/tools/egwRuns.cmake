@@ -96,6 +96,14 @@ egw_run(unknown_command "^egw: unknown command \"frob\" \\(commands: demo, tree,
   frob)
 egw_run(no_command "^egw: a command is required .*\nexit status 2" "")
 egw_run(unknown_option "^egw: tree: unknown option \"--colour\"\nexit status 2" tree --colour)
+egw_run(connect_without_port "^egw: tree: --connect: 127\\.0\\.0\\.1: expected HOST:PORT.*\nexit status 2"
+  --connect 127.0.0.1 tree)
+egw_run(level_without_password "^egw: --level 2 needs --password .*\nexit status 2"
+  --connect 127.0.0.1:9 --level 2 tree)
+egw_run(password_without_level "^egw: --password needs --level .*\nexit status 2"
+  --connect 127.0.0.1:9 --password 2222 tree)
+egw_run(panel_with_connect "^egw: --panel loads a panel in this process.*\nexit status 2"
+  --connect 127.0.0.1:9 --panel twoTypePanel.json tree)
 egw_run(unexpected_word "^egw: show: unexpected word \"extra\"\nexit status 2"
   show det-1-001 extra)
 egw_run(json_usage_errors

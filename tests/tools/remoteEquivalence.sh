@@ -54,6 +54,15 @@ for step in "${scenario[@]}"; do
         echo "same: egw $step (exit $local_status, $(wc -c <"$work/local") bytes)"
     fi
 done
+# A reader that has gone (egw tree | head) ends the run quietly, as a closed pipe ends a program.
+for way in "" "${remote[*]}"; do
+    { sleep 0.2; "$egw" $way tree 2>"$work/stderr" && echo 0 >"$work/status" ||
+        echo $? >"$work/status"; } | true
+    if [[ $(cat "$work/status") != 141 || -s $work/stderr ]]; then
+        echo "DIFFERENT: egw $way tree into a closed pipe: exit $(cat "$work/status"), $(cat "$work/stderr")"
+        failed=$((failed + 1))
+    fi
+done
 kill -TERM "$server"
 wait "$server" && status=0 || status=$?
 server=
