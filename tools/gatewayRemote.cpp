@@ -4,6 +4,7 @@
 #include <map>
 
 #include <nlohmann/json.hpp>
+#include <thrift/TOutput.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TCompactProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
@@ -85,6 +86,9 @@ public:
         // A service that closes the connection (a refused certificate, all connections in use)
         // is reported as an error, not ended by SIGPIPE.
         std::signal(SIGPIPE, SIG_IGN);
+        // Thrift's own log lines would come before egw's message and say the same in its words:
+        // every failure reaches egw as an exception and is told once, by egw.
+        apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
         std::string host;
         int port = 0;
         if (!splitHostPort(connection.hostPort, host, port))

@@ -104,6 +104,11 @@ egw_run(password_without_level "^egw: --password needs --level .*\nexit status 2
   --connect 127.0.0.1:9 --password 2222 tree)
 egw_run(panel_with_connect "^egw: --panel loads a panel in this process.*\nexit status 2"
   --connect 127.0.0.1:9 --panel twoTypePanel.json tree)
+if(EGW_BUILD_SERVICE)
+  # Nothing but egw's own message: no line of the RPC library's before it.
+  egw_run(connect_refused "^egw: 127\\.0\\.0\\.1:9: connect\\(\\) failed: Connection refused\nexit status 1"
+    --connect 127.0.0.1:9 tree)
+endif()
 egw_run(unexpected_word "^egw: show: unexpected word \"extra\"\nexit status 2"
   show det-1-001 extra)
 egw_run(json_usage_errors
