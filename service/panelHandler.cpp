@@ -1620,7 +1620,8 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
                                                 " is not 0 to " + std::to_string(kLongestPollMs));
         }
         _return = events_->take(static_cast<std::size_t>(max),
-                                std::chrono::milliseconds(timeoutMs));
+                                std::chrono::milliseconds(timeoutMs),
+                                core_.settings().pages.replyBytes);
         hideSecrets(_return);
     });
 }

@@ -380,7 +380,8 @@ service PanelService {
   // ---- Events ----
   void subscribe(1: Subscription subscription) throws (1: PanelError error),
   void unsubscribe(1: Subscription subscription) throws (1: PanelError error),
-  // Up to max events of the session; waits up to timeoutMs for the first one.
+  // Up to max events of the session, fewer when their reply would pass the service's reply bound
+  // (the rest wait for the next call); waits up to timeoutMs for the first one.
   list<Event> nextEvents(1: i32 max, 2: i32 timeoutMs) throws (1: PanelError error),
 
   // ---- Panel file keys (simulator only) ----

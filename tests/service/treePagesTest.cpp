@@ -224,6 +224,21 @@ TEST_F(TreePages, BoundsAndDeletedContinuationsAreRefusedByName)
     ASSERT_TRUE(results.back().__isset.error);
     EXPECT_EQ(results.back().error.code, ErrorCode::LIMIT);
     EXPECT_NE(results.back().error.message.find("at most 4096 bytes"), std::string::npos);
+    // Events too: two 3,000-byte labels come one poll each.
+    rpc::Subscription labels;
+    labels.kind = rpc::SubscriptionKind::BY_ELEMENT;
+    labels.target = detectors.at(0);
+    labels.eventId = 0x03020000 | (kLabel & 0xFFFF);
+    (*admin)->subscribe(labels);
+    (*admin)->setBytes(detectors.at(0), kLabel, std::string(3000, 'a'));
+    (*admin)->setBytes(detectors.at(0), kLabel, std::string(3000, 'b'));
+    std::vector<rpc::Event> events;
+    for (const char expected : {'a', 'b'})
+    {
+        (*admin)->nextEvents(events, 10, 5000);
+        ASSERT_EQ(events.size(), 1u);
+        EXPECT_EQ(events[0].data.substr(0, 3), std::string(3, expected));
+    }
     EXPECT_EQ((*admin)->echo(7), 7);
     EXPECT_EQ(reports(), 0);
 }
