@@ -59,12 +59,15 @@ double percentile(std::vector<double> samples, double share)
     return samples[std::min(at, samples.size() - 1)];
 }
 
+// A client that takes replies of up to 1 GiB, so that --whole can be measured at all.
 class Client
 {
 public:
     explicit Client(int port, int level = 1)
-        : socket_(std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", port)),
-          transport_(std::make_shared<apache::thrift::transport::TFramedTransport>(socket_))
+        : config_(std::make_shared<apache::thrift::TConfiguration>(1 << 30, 1 << 30)),
+          socket_(std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", port, config_)),
+          transport_(
+              std::make_shared<apache::thrift::transport::TFramedTransport>(socket_, config_))
     {
         rpc_ = std::make_unique<rpc::PanelServiceClient>(
             std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport_));
@@ -82,6 +85,7 @@ public:
     rpc::PanelServiceClient* operator->() { return rpc_.get(); }
 
 private:
+    std::shared_ptr<apache::thrift::TConfiguration> config_;
     std::shared_ptr<apache::thrift::transport::TSocket> socket_;
     std::shared_ptr<apache::thrift::transport::TTransport> transport_;
     std::unique_ptr<rpc::PanelServiceClient> rpc_;

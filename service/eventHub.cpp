@@ -4,6 +4,7 @@
 
 #include "elementGateway.h"
 #include "service/requestChecks.h"
+#include "service/treePages.h"
 
 namespace egwservice
 {
@@ -589,6 +590,7 @@ void EventHub::pump()
 
 void EventHub::deliver(const RawEvent& raw)
 {
+    const UrgentWork urgent; // no page of a long read begins until the event is delivered
     // Without the element's type, by-type subscriptions cannot be matched: the host failed (it
     // is asked again, a failure may pass), or the element is gone. The event still reaches the
     // sessions that follow the element itself.

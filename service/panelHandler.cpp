@@ -421,6 +421,7 @@ auto PanelHandler::change(const char* operation, std::int64_t uuid, Body&& body)
     return run(
         operation,
         [&] {
+            const UrgentWork urgent; // no page of a long read begins until the change is made
             AuditedChange audited(core_.audit(), auditRow(operation, requestUuid_), client());
             try
             {
@@ -708,6 +709,7 @@ void PanelHandler::collectSubtree(rpc::UuidPage& _return, Uuid root, Id typeId, 
         const std::size_t limit = pageSize(max, bounds);
         const UINT32 type = typeId == 0 ? 0 : idOf(IdKind::ElementType, typeId, "typeId");
         const UINT32 resumeAfter = word(after, "after");
+        UrgentWork::letPass(kLongestCourtesy);
         const TreeLock lock(client());
         TypeFacts facts;
         TreeWalk walk(client(), elementOrRoot(facts, root, "root", client()).uuid, resumeAfter, 0);
@@ -1561,6 +1563,7 @@ void PanelHandler::snapshot(rpc::SnapshotPage& _return, const rpc::SnapshotReque
             requireLevel(propertyLevel(property), "property " + hex(property));
         }
         const UINT32 after = word(request.after, "after");
+        UrgentWork::letPass(kLongestCourtesy);
         const TreeLock lock(client());
         TypeFacts facts;
         const Subject top = elementOrRoot(facts, request.root, "root", client());

@@ -1,6 +1,8 @@
 #include "service/treePages.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 #include <set>
 #include <utility>
 #include <unordered_set>
@@ -9,6 +11,46 @@
 
 namespace egwservice
 {
+namespace
+{
+
+struct Urgency
+{
+    std::mutex mutex;
+    std::condition_variable none;
+    int marked = 0;
+};
+
+Urgency& urgency()
+{
+    static Urgency shared;
+    return shared;
+}
+
+} // namespace
+
+UrgentWork::UrgentWork()
+{
+    const std::lock_guard<std::mutex> lock(urgency().mutex);
+    ++urgency().marked;
+}
+
+UrgentWork::~UrgentWork()
+{
+    Urgency& u = urgency();
+    {
+        const std::lock_guard<std::mutex> lock(u.mutex);
+        --u.marked;
+    }
+    u.none.notify_all();
+}
+
+void UrgentWork::letPass(std::chrono::milliseconds longest)
+{
+    Urgency& u = urgency();
+    std::unique_lock<std::mutex> lock(u.mutex);
+    u.none.wait_for(lock, longest, [&] { return u.marked == 0; });
+}
 
 std::size_t pageSize(std::int32_t max, const PageBounds& bounds)
 {

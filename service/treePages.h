@@ -6,6 +6,7 @@
 #ifndef SERVICE_TREE_PAGES_H
 #define SERVICE_TREE_PAGES_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,6 +27,23 @@ struct PageBounds
     std::size_t elements = 1000;
     std::size_t replyBytes = 1048576;
 };
+
+// Alarms first. Work that must not wait for a reader (a change of the panel, the event pump
+// delivering an event) is marked while it runs; a page of a long read lets it pass: it begins when
+// none is marked, or after `longest` at most, so that readers are delayed but never starved. The
+// element server's lock is not fair to its waiters; without this, readers taking page after page
+// could keep an alarm waiting for many pages.
+class UrgentWork
+{
+public:
+    UrgentWork();
+    ~UrgentWork();
+    UrgentWork(const UrgentWork&) = delete;
+    UrgentWork& operator=(const UrgentWork&) = delete;
+
+    static void letPass(std::chrono::milliseconds longest);
+};
+constexpr std::chrono::milliseconds kLongestCourtesy{100};
 
 // The elements per page a request asks for: `max` 1 to the bound, 0 for the bound itself.
 std::size_t pageSize(std::int32_t max, const PageBounds& bounds);
