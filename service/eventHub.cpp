@@ -4,6 +4,7 @@
 
 #include "elementGateway.h"
 #include "service/requestChecks.h"
+#include "service/treePages.h"
 
 namespace egwservice
 {
@@ -317,7 +318,8 @@ void SessionQueue::lose(std::size_t count)
     ready_.notify_all();
 }
 
-std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::milliseconds timeout)
+std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::milliseconds timeout,
+                                           std::size_t maxBytes)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     ready_.wait_for(lock, timeout,
@@ -328,8 +330,16 @@ std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::millise
         announceLossLocked();
     }
     std::vector<rpc::Event> taken;
+    std::size_t bytes = 0;
     while (!events_.empty() && taken.size() < max)
     {
+        // The fixed fields and the detail record come to under 200 bytes; the rest is the
+        // event's ID string and data.
+        bytes += 200 + events_.front().idString.size() + events_.front().data.size();
+        if (bytes > maxBytes && !taken.empty())
+        {
+            break;
+        }
         taken.push_back(std::move(events_.front()));
         events_.pop_front();
     }
@@ -407,32 +417,48 @@ std::shared_ptr<SessionQueue> EventHub::attach()
 void EventHub::detach(const std::shared_ptr<SessionQueue>& queue)
 {
     queue->close();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto session = sessions_.find(queue.get());
-    if (session == sessions_.end())
+    const std::lock_guard<std::mutex> changing(changes_);
+    std::vector<EventFilter> ended;
     {
-        return;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto session = sessions_.find(queue.get());
+        if (session == sessions_.end())
+        {
+            return;
+        }
+        for (const auto& held : session->second.filters)
+        {
+            if (releaseLocked(held.first, held.second))
+            {
+                ended.push_back(held.first);
+            }
+        }
+        sessions_.erase(session);
     }
-    for (const auto& held : session->second.filters)
+    for (const EventFilter& filter : ended)
     {
-        releaseLocked(held.first, held.second, nullptr);
+        unsubscribeInServer(filter, nullptr);
     }
-    sessions_.erase(session);
 }
 
-void EventHub::releaseLocked(const EventFilter& filter, int count, void* client)
+bool EventHub::releaseLocked(const EventFilter& filter, int count)
 {
     const auto held = held_.find(filter);
     if (held == held_.end())
     {
-        return;
+        return false;
     }
     held->second -= count;
     if (held->second > 0)
     {
-        return;
+        return false;
     }
     held_.erase(held);
+    return true;
+}
+
+void EventHub::unsubscribeInServer(const EventFilter& filter, void* client)
+{
     // A host failure is tried again, as a module subscription that no session holds would go on
     // taking the element server's events; it must never stop a closing session either (this runs
     // in its destructor). An element deleted meanwhile took its subscriptions with it.
@@ -470,19 +496,23 @@ void EventHub::subscribe(const std::shared_ptr<SessionQueue>& queue,
 {
     TypeFacts facts;
     const std::vector<EventFilter> filters = filtersOf(request, facts);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    SessionFilters& session = sessions_.at(queue.get());
-    if (session.filters.size() + filters.size() > filterLimit_)
+    const std::lock_guard<std::mutex> changing(changes_);
     {
-        refuse(rpc::ErrorCode::LIMIT, "the session may follow at most " +
-                                          std::to_string(filterLimit_) +
-                                          " event ids; unsubscribe some first");
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (sessions_.at(queue.get()).filters.size() + filters.size() > filterLimit_)
+        {
+            refuse(rpc::ErrorCode::LIMIT, "the session may follow at most " +
+                                              std::to_string(filterLimit_) +
+                                              " event ids; unsubscribe some first");
+        }
     }
     if (!subscribeInServer(module_, request, filters, client))
     {
         refuse(rpc::ErrorCode::REFUSED, "the element server refused the subscription to target " +
                                             hex(static_cast<std::uint64_t>(request.target)));
     }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    SessionFilters& session = sessions_.at(queue.get());
     for (const EventFilter& filter : filters)
     {
         ++session.filters[filter];
@@ -495,20 +525,31 @@ void EventHub::unsubscribe(const std::shared_ptr<SessionQueue>& queue,
 {
     TypeFacts facts;
     const std::vector<EventFilter> filters = filtersOf(request, facts);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    SessionFilters& session = sessions_.at(queue.get());
-    for (const EventFilter& filter : filters)
+    const std::lock_guard<std::mutex> changing(changes_);
+    std::vector<EventFilter> ended;
     {
-        const auto own = session.filters.find(filter);
-        if (own == session.filters.end())
+        const std::lock_guard<std::mutex> lock(mutex_);
+        SessionFilters& session = sessions_.at(queue.get());
+        for (const EventFilter& filter : filters)
         {
-            continue;
+            const auto own = session.filters.find(filter);
+            if (own == session.filters.end())
+            {
+                continue;
+            }
+            if (--own->second == 0)
+            {
+                session.filters.erase(own);
+            }
+            if (releaseLocked(filter, 1))
+            {
+                ended.push_back(filter);
+            }
         }
-        if (--own->second == 0)
-        {
-            session.filters.erase(own);
-        }
-        releaseLocked(filter, 1, client);
+    }
+    for (const EventFilter& filter : ended)
+    {
+        unsubscribeInServer(filter, client);
     }
 }
 
@@ -549,6 +590,7 @@ void EventHub::pump()
 
 void EventHub::deliver(const RawEvent& raw)
 {
+    const UrgentWork urgent; // no page of a long read begins until the event is delivered
     // Without the element's type, by-type subscriptions cannot be matched: the host failed (it
     // is asked again, a failure may pass), or the element is gone. The event still reaches the
     // sessions that follow the element itself.

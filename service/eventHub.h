@@ -53,8 +53,10 @@ public:
     void push(const rpc::Event& event);
     // Counts events that never reached the queue; the next take() announces them.
     void lose(std::size_t count);
-    // Up to `max` events; waits up to `timeout` for the first one, or until closed or hurried.
-    std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout);
+    // Up to `max` events of about `maxBytes` in all (the first one always); waits up to
+    // `timeout` for the first one, or until closed or hurried.
+    std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout,
+                                 std::size_t maxBytes = SIZE_MAX);
     // Ends the wait of the take() under way, or else of the next one, at once with what the
     // queue has. (The next one, so that a take() about to begin is not missed.)
     void hurry();
@@ -108,13 +110,20 @@ private:
 
     void pump();
     void deliver(const RawEvent& raw);
-    void releaseLocked(const EventFilter& filter, int count, void* client);
+    // Drops `count` holders of the filter; true when none is left, so that the module's
+    // subscription in the element server is to be ended (unsubscribeInServer).
+    bool releaseLocked(const EventFilter& filter, int count);
+    void unsubscribeInServer(const EventFilter& filter, void* client);
 
     EventSource& source_;
     EventMemory* const memory_;
     const UINT32 module_;
     const std::size_t queueLimit_;
     const std::size_t filterLimit_;
+    // Subscribing, unsubscribing and detaching one at a time, held across their library calls
+    // (which wait for the element server); the pump never takes it. mutex_ guards the maps
+    // below and is never held across a library call, so the pump never waits for a session.
+    std::mutex changes_;
     std::mutex mutex_;
     std::map<SessionQueue*, SessionFilters> sessions_;
     std::map<EventFilter, int> held_; // element-server subscriptions, by number of holders
