@@ -126,6 +126,15 @@ int main(int argc, char** argv)
     app.add_option("--queue-limit", service.queueLimit, "events queued per session")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000000));
+    // Long reads come in pages, each read under the element server's lock.
+    app.add_option("--page-elements", service.pages.elements,
+                   "elements of one page of snapshot, collectSubtree and getElementKeys")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--reply-bytes", service.pages.replyBytes,
+                   "estimated bytes of one page or batched read's reply")
+        ->capture_default_str()
+        ->check(CLI::Range(4096, 256 * 1024 * 1024));
     // Records: the database of the audit trail and the event memory, and what it keeps.
     service.database = "egwd.db";
     service.followPanel = true;

@@ -703,15 +703,26 @@ PanelHandler::Uuid PanelHandler::findElementByProperty(Uuid start, Id propertyId
     });
 }
 
-void PanelHandler::collectSubtree(std::vector<Uuid>& _return, Uuid root, Id typeId)
+void PanelHandler::collectSubtree(rpc::UuidPage& _return, Uuid root, Id typeId, Uuid after,
+                                  std::int32_t max)
 {
     run("collectSubtree", [&] {
-        TypeFacts facts;
-        const Subject from = elementOrRoot(facts, root, "root", client());
+        const PageBounds& bounds = core_.settings().pages;
+        const std::size_t limit = pageSize(max, bounds);
         const UINT32 type = typeId == 0 ? 0 : idOf(IdKind::ElementType, typeId, "typeId");
-        std::vector<unsigned int> found;
-        EGW_BASIC_THRIFT_GetAllElementUuidByElementType(from.uuid, type, found, client());
-        _return = widened(found);
+        const UINT32 resumeAfter = word(after, "after");
+        const TreeLock lock(client());
+        TypeFacts facts;
+        TreeWalk walk(client(), elementOrRoot(facts, root, "root", client()).uuid, resumeAfter, 0);
+        _return.nextAfter = fillPage(walk, limit, bounds.replyBytes, _return.uuids,
+                                [&](UINT32 uuid, UINT32, std::vector<Uuid>& out) -> std::size_t {
+            if (type != 0 && EGW_ElementServerGetElementTypeByUuid(uuid, client()) != type)
+            {
+                return 0;
+            }
+            out.push_back(uuid);
+            return kUuidReplyBytes;
+        });
     });
 }
 
@@ -1083,14 +1094,17 @@ void PanelHandler::readProperties(std::vector<rpc::PropertyResult>& _return,
 {
     run("readProperties", [&] {
         notEmpty(refs.size(), "refs");
-        if (refs.size() > core_.settings().batchLimit)
+        const ServiceSettings& settings = core_.settings();
+        if (refs.size() > settings.batchLimit)
         {
             refuse(ErrorCode::LIMIT, "refs holds " + std::to_string(refs.size()) +
                                          " pairs; one request reads at most " +
-                                         std::to_string(core_.settings().batchLimit));
+                                         std::to_string(settings.batchLimit));
         }
+        refuseRepeatedPairs(refs);
         TypeFacts facts;
         _return.resize(refs.size());
+        std::size_t bytes = 0;
         for (std::size_t i = 0; i < refs.size(); ++i)
         {
             rpc::PropertyResult& result = _return[i];
@@ -1099,11 +1113,21 @@ void PanelHandler::readProperties(std::vector<rpc::PropertyResult>& _return,
             try
             {
                 const Subject s = facts.element(refs[i].uuid);
-                result.__set_value(read(s, allowedProperty(facts, s, refs[i].propertyId)));
+                rpc::PropertyValue value = read(s, allowedProperty(facts, s, refs[i].propertyId));
+                const std::size_t size = kResultReplyBytes + replyBytesOf(value);
+                if (bytes + size > settings.pages.replyBytes)
+                {
+                    refuse(ErrorCode::LIMIT, "the reply holds at most " +
+                                                 std::to_string(settings.pages.replyBytes) +
+                                                 " bytes: read this pair in another request");
+                }
+                bytes += size;
+                result.__set_value(std::move(value));
             }
             catch (const rpc::PanelError& error)
             {
                 result.__set_error(error);
+                bytes += kResultReplyBytes + error.message.size() + 20;
             }
         }
     });
@@ -1529,47 +1553,46 @@ void PanelHandler::getEventDetail(rpc::EventDetail& _return, Uuid uuid)
     });
 }
 
-void PanelHandler::snapshot(std::vector<rpc::ElementSnapshot>& _return, Uuid root,
-                            const std::vector<Id>& propertyIds, bool withStates)
+void PanelHandler::snapshot(rpc::SnapshotPage& _return, const rpc::SnapshotRequest& request)
 {
     run("snapshot", [&] {
-        std::vector<UINT32> properties;
-        for (const Id id : propertyIds)
+        const PageBounds& bounds = core_.settings().pages;
+        const std::size_t limit = pageSize(request.max, bounds);
+        const std::vector<UINT32> properties = snapshotProperties(request.propertyIds);
+        for (const UINT32 property : properties)
         {
-            properties.push_back(idOf(IdKind::Property, id, "propertyIds"));
-            requireLevel(propertyLevel(properties.back()), "property " + hex(properties.back()));
+            requireLevel(propertyLevel(property), "property " + hex(property));
         }
+        const UINT32 after = word(request.after, "after");
         const TreeLock lock(client());
         TypeFacts facts;
-        const Subject top = elementOrRoot(facts, root, "root", client());
-        std::vector<unsigned int> elements;
-        EGW_BASIC_THRIFT_GetAllElementUuidByElementType(top.uuid, 0, elements, client());
-        _return.reserve(elements.size());
-        for (const unsigned int uuid : elements)
-        {
+        const Subject top = elementOrRoot(facts, request.root, "root", client());
+        TreeWalk walk(client(), top.uuid, after, request.depth);
+        const auto take = [&](UINT32 uuid, UINT32 parent,
+                              std::vector<rpc::ElementSnapshot>& out) -> std::size_t {
             const Subject s = facts.element(uuid);
-            rpc::ElementSnapshot snap;
+            rpc::ElementSnapshot& snap = out.emplace_back();
             snap.uuid = uuid;
-            snap.parent = EGW_ELementServerGetParentUuid(uuid, client());
+            snap.parent = parent;
             snap.typeId = s.type;
             EGW_ElementServerGetIDStringOfElement(snap.idString, uuid, client());
             for (const UINT32 property : properties)
             {
                 if (facts.defines(s.type, property))
                 {
-                    rpc::PropertyResult result;
+                    rpc::PropertyResult& result = snap.properties.emplace_back();
                     result.uuid = uuid;
                     result.propertyId = property;
                     result.__set_value(read(s, property));
-                    snap.properties.push_back(std::move(result));
                 }
             }
-            if (withStates)
+            if (request.withStates)
             {
                 snap.states = statesOf(facts, s, client());
             }
-            _return.push_back(std::move(snap));
-        }
+            return replyBytesOf(snap);
+        };
+        _return.nextAfter = fillPage(walk, limit, bounds.replyBytes, _return.elements, take);
     });
 }
 
@@ -1634,9 +1657,25 @@ void PanelHandler::hideSecrets(std::vector<rpc::Event>& events) const
     }
 }
 
-void PanelHandler::getElementKeys(std::map<Uuid, std::string>& _return)
+void PanelHandler::getElementKeys(rpc::KeyPage& _return, Uuid after, std::int32_t max)
 {
-    run("getElementKeys", [&] { _return = core_.settings().elementKeys; });
+    run("getElementKeys", [&] {
+        const PageBounds& bounds = core_.settings().pages;
+        const std::size_t limit = pageSize(max, bounds);
+        const std::map<std::int64_t, std::string>& keys = core_.settings().elementKeys;
+        std::size_t bytes = 0;
+        auto at = keys.upper_bound(word(after, "after"));
+        for (; at != keys.end() && _return.keys.size() < limit; ++at)
+        {
+            bytes += kUuidReplyBytes + 4 + at->second.size();
+            if (bytes > bounds.replyBytes && !_return.keys.empty())
+            {
+                break;
+            }
+            _return.keys.emplace_hint(_return.keys.end(), at->first, at->second);
+        }
+        _return.nextAfter = at == keys.end() ? 0 : _return.keys.rbegin()->first;
+    });
 }
 
 // ---- Records ------------------------------------------------------------------------------------

@@ -19,6 +19,7 @@
 #include "service/eventMemory.h"
 #include "service/loginGuard.h"
 #include "service/requestChecks.h"
+#include "service/treePages.h"
 
 namespace egwservice
 {
@@ -32,7 +33,8 @@ struct ServiceSettings
     std::map<std::int64_t, std::string> elementKeys;
     std::size_t queueLimit = 1000;       // events per session
     std::size_t filterLimit = 10000;     // event ids per session
-    std::size_t batchLimit = 100000;     // pairs per batched read
+    std::size_t batchLimit = 10000;      // pairs per batched read
+    PageBounds pages;                    // elements and reply bytes of one page of a long read
     // The service's database (audit trail and event memory) and how much of it is kept.
     std::string database = ":memory:";
     AuditRetention auditRetention;
@@ -112,7 +114,8 @@ public:
     Uuid findElementByType(Uuid start, Id typeId, bool childrenOnly) override;
     Uuid findElementByProperty(Uuid start, Id propertyId, const std::string& value,
                                bool childrenOnly) override;
-    void collectSubtree(std::vector<Uuid>& _return, Uuid root, Id typeId) override;
+    void collectSubtree(rpc::UuidPage& _return, Uuid root, Id typeId, Uuid after,
+                        std::int32_t max) override;
     Uuid getUniqueElement(std::int32_t typeNumber) override;
     void getSubtreeRoots(rpc::SubtreeRoots& _return) override;
 
@@ -168,8 +171,7 @@ public:
     std::int64_t validateElement(Uuid uuid) override;
 
     void getEventDetail(rpc::EventDetail& _return, Uuid uuid) override;
-    void snapshot(std::vector<rpc::ElementSnapshot>& _return, Uuid root,
-                  const std::vector<Id>& propertyIds, bool withStates) override;
+    void snapshot(rpc::SnapshotPage& _return, const rpc::SnapshotRequest& request) override;
 
     void subscribe(const rpc::Subscription& subscription) override;
     void unsubscribe(const rpc::Subscription& subscription) override;
@@ -180,7 +182,7 @@ public:
     void hurryEvents();
     void getConditions(rpc::ConditionList& _return) override;
 
-    void getElementKeys(std::map<Uuid, std::string>& _return) override;
+    void getElementKeys(rpc::KeyPage& _return, Uuid after, std::int32_t max) override;
 
     void queryAudit(std::vector<rpc::AuditEntry>& _return, const rpc::AuditQuery& query) override;
     void queryEvents(std::vector<rpc::Event>& _return, const rpc::EventQuery& query) override;

@@ -17,7 +17,7 @@ namespace cpp egw.rpc
 namespace py egw_rpc
 namespace js egw_rpc
 
-const string INTERFACE_VERSION = "1.0"
+const string INTERFACE_VERSION = "2.0"
 
 typedef i64 Uuid
 typedef i64 Id
@@ -218,6 +218,38 @@ struct ConditionList {
   8: list<Id> stateTypes  // the element types that have state groups, for subscriptions
 }
 
+// Pages: a read of a whole sub-tree comes in pages, so that no reader holds the element server
+// (and with it an alarm's setState and the event pump) for longer than one page takes. Each page
+// is read under the element server's lock as one consistent view; between pages the panel may
+// change: an element added or deleted between pages may be missed or seen. A page ends after at
+// most `max` elements (1 to the service's page bound; 0: that bound) or earlier when its reply
+// would pass the service's reply bound. `nextAfter` names the last element the page looked at;
+// given back as `after`, the walk goes on in pre-order after it. An `after` that has been deleted
+// in between is refused (REFUSED, "... is gone: start again"); nextAfter 0: the walk is complete.
+struct SnapshotRequest {
+  1: Uuid root,            // 0: the tree root
+  2: list<Id> propertyIds, // read for each element whose type defines them; each id once
+  3: bool withStates,
+  4: i32 depth,            // 0: the whole sub-tree; 1: the root and its children; n: n levels below the root
+  5: Uuid after,           // 0: the first page; else the `nextAfter` of the previous page
+  6: i32 max               // elements per page, 1 to the service's page bound; 0: that bound
+}
+struct SnapshotPage {
+  1: list<ElementSnapshot> elements,  // in tree order (pre-order), the root first on the first page
+  2: Uuid nextAfter                   // 0: the walk is complete
+}
+// A page of uuids. collectSubtree looks at up to `max` elements per page and returns those of the
+// type, so a page may hold fewer than max (even none) while nextAfter is not 0.
+struct UuidPage {
+  1: list<Uuid> uuids,
+  2: Uuid nextAfter
+}
+// A page of the panel file's keys, by increasing uuid; nextAfter: the last uuid of the page, or 0.
+struct KeyPage {
+  1: map<Uuid, string> keys,
+  2: Uuid nextAfter
+}
+
 enum SubscriptionKind {
   BY_TYPE = 1,                 // one event id of every element of a type
   BY_ELEMENT = 2,              // one event id of one element
@@ -310,8 +342,8 @@ service PanelService {
   Uuid findElementByType(1: Uuid start, 2: Id typeId, 3: bool childrenOnly) throws (1: PanelError error),
   // The first element below the start whose property holds exactly these bytes.
   Uuid findElementByProperty(1: Uuid start, 2: Id propertyId, 3: binary value, 4: bool childrenOnly) throws (1: PanelError error),
-  // Every element of the type (0: any) in the sub-tree, in pre-order.
-  list<Uuid> collectSubtree(1: Uuid root, 2: Id typeId) throws (1: PanelError error),
+  // Every element of the type (0: any) in the sub-tree, in pre-order, in pages (see SnapshotRequest).
+  UuidPage collectSubtree(1: Uuid root, 2: Id typeId, 3: Uuid after, 4: i32 max) throws (1: PanelError error),
   // The single element of a type found through its fixed type chain (bare type number).
   Uuid getUniqueElement(1: i32 typeNumber) throws (1: PanelError error),
   SubtreeRoots getSubtreeRoots() throws (1: PanelError error),
@@ -335,7 +367,9 @@ service PanelService {
   void setDateTime(1: Uuid uuid, 2: Id propertyId, 3: DateTime value) throws (1: PanelError error),
   // 1 to 65535 bytes.
   void setBytes(1: Uuid uuid, 2: Id propertyId, 3: binary value) throws (1: PanelError error),
-  // Many (element, property) pairs in one request; a refused pair has its error, the rest go on.
+  // Many (element, property) pairs in one request (at most the service's batch bound, 10000 by
+  // default); a refused pair has its error, the rest go on. A pair whose value would take the
+  // reply past the service's reply bound has a LIMIT error: read it in another request.
   list<PropertyResult> readProperties(1: list<PropertyRef> refs) throws (1: PanelError error),
 
   // ---- Type library ----
@@ -376,9 +410,9 @@ service PanelService {
 
   // ---- Event detail, snapshot ----
   EventDetail getEventDetail(1: Uuid uuid) throws (1: PanelError error),
-  // The sub-tree in pre-order, each element with type, ID string, the chosen properties it
-  // defines and, with withStates, its states; taken under the element server's lock.
-  list<ElementSnapshot> snapshot(1: Uuid root, 2: list<Id> propertyIds, 3: bool withStates) throws (1: PanelError error),
+  // The sub-tree in pre-order, in pages (see SnapshotRequest), each element with type, ID string,
+  // the chosen properties it defines and, with withStates, its states.
+  SnapshotPage snapshot(1: SnapshotRequest request) throws (1: PanelError error),
 
   // ---- Events ----
   void subscribe(1: Subscription subscription) throws (1: PanelError error),
@@ -389,8 +423,9 @@ service PanelService {
   ConditionList getConditions() throws (1: PanelError error),
 
   // ---- Panel file keys (simulator only) ----
-  // The keys of the panel file the service loaded, by uuid; empty on the panel's own tree.
-  map<Uuid, string> getElementKeys() throws (1: PanelError error),
+  // The keys of the panel file the service loaded, by uuid, in pages of up to max (1 to the page
+  // bound; 0: that bound) after the uuid `after`; none on the panel's own tree.
+  KeyPage getElementKeys(1: Uuid after, 2: i32 max) throws (1: PanelError error),
   // ---- Records ----
   list<AuditEntry> queryAudit(1: AuditQuery query) throws (1: PanelError error),
   list<Event> queryEvents(1: EventQuery query) throws (1: PanelError error)

@@ -132,7 +132,13 @@ public:
                 rpc::SessionInfo session;
                 client_->login(session, connection.level, connection.password);
             }
-            client_->getElementKeys(keys_);
+            // One round trip per page of keys.
+            rpc::KeyPage page;
+            do
+            {
+                client_->getElementKeys(page, page.nextAfter, 0);
+                keys_.insert(page.keys.begin(), page.keys.end());
+            } while (page.nextAfter != 0);
         });
         for (const auto& key : keys_)
         {
@@ -218,8 +224,14 @@ public:
     }
     std::vector<UINT32> allElements() override
     {
+        // The whole tree one page at a time, so that the service never holds it for long.
         std::vector<rpc::Uuid> list;
-        ask([&] { client_->collectSubtree(list, 0, 0); });
+        rpc::UuidPage page;
+        do
+        {
+            ask([&] { client_->collectSubtree(page, 0, 0, page.nextAfter, 0); });
+            list.insert(list.end(), page.uuids.begin(), page.uuids.end());
+        } while (page.nextAfter != 0);
         return words(list);
     }
     UINT32 parent(UINT32 uuid) override

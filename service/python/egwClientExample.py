@@ -109,6 +109,18 @@ def show_service(client):
                                                         client.getIdString(child)))
 
 
+def first_of_type(client, type_id):
+    """The first element of the type in the tree: pages of collectSubtree until one holds it."""
+    after = 0
+    while True:
+        page = client.collectSubtree(0, type_id, after, 0)
+        if page.uuids:
+            return page.uuids[0]
+        if page.nextAfter == 0:
+            return None
+        after = page.nextAfter
+
+
 def choose_state(client, arguments):
     """The detector, the group and the value to raise: as given, or found in the type library."""
     if arguments.detector is not None:
@@ -116,10 +128,9 @@ def choose_state(client, arguments):
         detector_type = client.getElementType(detector)
     else:
         detector_type = arguments.type
-        found = client.collectSubtree(0, detector_type)
-        if not found:
+        detector = first_of_type(client, detector_type)
+        if detector is None:
             raise Failed("the panel has no element of type 0x%X" % detector_type)
-        detector = found[0]
     group = arguments.group
     if group is None:
         groups = client.getTypeInfo(detector_type).stateGroups

@@ -42,6 +42,22 @@ class Conditions : public ServiceFixture
 {
 protected:
     void SetUp() override {}
+
+    // Every element with its states, page after page.
+    static std::vector<rpc::ElementSnapshot> wholeTree(Client& client)
+    {
+        std::vector<rpc::ElementSnapshot> tree;
+        rpc::SnapshotRequest request;
+        request.withStates = true;
+        rpc::SnapshotPage page;
+        do
+        {
+            client->snapshot(page, request);
+            tree.insert(tree.end(), page.elements.begin(), page.elements.end());
+            request.after = page.nextAfter;
+        } while (page.nextAfter != 0);
+        return tree;
+    }
 };
 
 // The tree read again (as after lost events) one element a slice, with alarms raised and cleared
@@ -62,8 +78,7 @@ TEST_F(Conditions, TheTreeReadInSlicesWithEventsOnTopEndsRight)
     std::filesystem::remove(panel);
     auto operator2 = connectAt(2);
 
-    std::vector<rpc::ElementSnapshot> tree;
-    (*operator2)->snapshot(tree, 0, {}, true);
+    std::vector<rpc::ElementSnapshot> tree = wholeTree(*operator2);
     const auto has = [](const rpc::ElementSnapshot& e, rpc::Id group) {
         return std::any_of(e.states.begin(), e.states.end(),
                            [&](const rpc::StateValue& s) { return s.groupId == group; });
@@ -107,7 +122,7 @@ TEST_F(Conditions, TheTreeReadInSlicesWithEventsOnTopEndsRight)
     // What the tree holds now, through the table; the view has it once the pump has passed on
     // the last change.
     std::map<Kind::type, std::set<std::pair<rpc::Uuid, rpc::Id>>> truth;
-    (*operator2)->snapshot(tree, 0, {}, true);
+    tree = wholeTree(*operator2);
     for (const auto& element : tree)
     {
         for (const auto& state : element.states)

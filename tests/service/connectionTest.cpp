@@ -171,8 +171,7 @@ protected:
     {
         ServiceFixture::SetUp();
         admin_ = connectAt(3);
-        std::vector<rpc::Uuid> detectors;
-        (*admin_)->collectSubtree(detectors, 0, kDetectorType);
+        const std::vector<rpc::Uuid> detectors = collectAll(*admin_, 0, kDetectorType);
         ASSERT_FALSE(detectors.empty());
         detector_ = detectors.front();
     }
@@ -209,7 +208,10 @@ TEST_F(Connections, MisbehavingPeersCostTheServerNothingItKeeps)
         {"sends a request and leaves without its reply", milliseconds(0),
          [](int port, rpc::Uuid) {
              Caller caller(port);
-             (*caller).send_snapshot(0, {0x30002, 0x30004}, true);
+             rpc::SnapshotRequest whole;
+             whole.propertyIds = {0x30002, 0x30004};
+             whole.withStates = true;
+             (*caller).send_snapshot(whole);
              caller.close();
          }},
         {"sends half a frame and leaves", milliseconds(0),

@@ -122,9 +122,7 @@ protected:
 
     rpc::Uuid first(Client& client, std::int64_t type)
     {
-        std::vector<rpc::Uuid> found;
-        client->collectSubtree(found, 0, type);
-        return found.at(0);
+        return collectAll(client, 0, type).at(0);
     }
 };
 

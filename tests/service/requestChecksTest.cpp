@@ -37,11 +37,11 @@ class RequestChecks : public ServiceFixture
 TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
 {
     auto admin = connectAt(4);
-    std::vector<rpc::Uuid> detectors;
-    (*admin)->collectSubtree(detectors, 0, kDetectorType);
+    const std::vector<rpc::Uuid> detectors = collectAll(*admin, 0, kDetectorType);
     ASSERT_FALSE(detectors.empty());
     std::string text;
     std::vector<rpc::Uuid> list;
+    rpc::UuidPage page;
     rpc::PropertyValue value;
     rpc::DateTime date;
     const std::string tooLong(65536, 'x');
@@ -57,7 +57,7 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
         {"type id as property id", ErrorCode::WRONG_CATEGORY, "propertyId 0x70048",
          [&](auto& c, auto d) { c.readProperty(value, d, kDetectorType); }},
         {"property id as type id", ErrorCode::WRONG_CATEGORY, "typeId 0x30004",
-         [&](auto& c, auto) { c.collectSubtree(list, 0, kAddress); }},
+         [&](auto& c, auto) { c.collectSubtree(page, 0, kAddress, 0, 0); }},
         {"property of another type", ErrorCode::NOT_DEFINED, "property 0x30006",
          [&](auto& c, auto d) { c.getBool(d, 0x30006); }},
         {"property id 0x30000", ErrorCode::BAD_ARGUMENT, "names no property",
@@ -198,8 +198,7 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
 TEST_F(RequestChecks, BatchedReadsKeepGoingPastRefusedPairs)
 {
     auto client = connect();
-    std::vector<rpc::Uuid> detectors;
-    (*client)->collectSubtree(detectors, 0, kDetectorType);
+    const std::vector<rpc::Uuid> detectors = collectAll(*client, 0, kDetectorType);
     std::vector<rpc::PropertyRef> refs(3);
     refs[0].uuid = detectors.front();
     refs[0].propertyId = kAddress;

@@ -70,6 +70,19 @@ private:
     std::unique_ptr<rpc::PanelServiceClient> rpc_;
 };
 
+// Every element of the type (0: any) below the root, one page of collectSubtree after another.
+inline std::vector<rpc::Uuid> collectAll(Client& client, rpc::Uuid root, rpc::Id type)
+{
+    std::vector<rpc::Uuid> all;
+    rpc::UuidPage page;
+    do
+    {
+        client->collectSubtree(page, root, type, page.nextAfter, 0);
+        all.insert(all.end(), page.uuids.begin(), page.uuids.end());
+    } while (page.nextAfter != 0);
+    return all;
+}
+
 // egwd on the sample panel (or on the given files), serving on a free loopback port. Its database
 // is a file in a temporary directory of the test's own, unless the settings name one.
 class ServiceFixture : public ::testing::Test

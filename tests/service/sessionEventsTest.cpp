@@ -55,9 +55,7 @@ class SessionEvents : public ServiceFixture
 protected:
     rpc::Uuid firstDetector(Client& client)
     {
-        std::vector<rpc::Uuid> detectors;
-        client->collectSubtree(detectors, 0, kDetectorType);
-        return detectors.at(0);
+        return collectAll(client, 0, kDetectorType).at(0);
     }
 };
 
@@ -172,7 +170,8 @@ TEST_F(SessionEvents, SessionEndLeavesNothingBehind)
     EXPECT_EQ(core().openSessions.load(), 0);
 }
 
-// Operations that need one consistent tree hold the element server's lock for their whole run.
+// Operations that need one consistent tree (a waited delete, a page of a snapshot) hold the element
+// server's lock for their whole run.
 TEST_F(SessionEvents, SnapshotAndWaitedDeleteHoldTheLock)
 {
     auto admin = connectAt(3);
@@ -187,8 +186,12 @@ TEST_F(SessionEvents, SnapshotAndWaitedDeleteHoldTheLock)
         }
         else
         {
-            std::vector<rpc::ElementSnapshot> snapshot;
-            (*admin)->snapshot(snapshot, 0, {0x30004}, true);
+            rpc::SnapshotRequest whole;
+            whole.propertyIds = {0x30004};
+            whole.withStates = true;
+            rpc::SnapshotPage page;
+            (*admin)->snapshot(page, whole);
+            ASSERT_EQ(page.nextAfter, 0) << "the sample panel fits one page";
         }
         const std::vector<std::string> trace = panelsim::stopTrace();
         const auto lock = std::find(trace.begin(), trace.end(), "ElementServer::Lock(0)");

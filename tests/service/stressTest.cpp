@@ -259,8 +259,16 @@ private:
             break;
         case 5:
             request([&](rpc::PanelServiceClient& c) {
-                std::vector<rpc::ElementSnapshot> snap;
-                c.snapshot(snap, plan_.loop, {kAddress}, true);
+                rpc::SnapshotRequest loop;
+                loop.root = plan_.loop;
+                loop.propertyIds = {kAddress};
+                loop.withStates = true;
+                rpc::SnapshotPage page;
+                do
+                {
+                    loop.after = page.nextAfter;
+                    c.snapshot(page, loop);
+                } while (page.nextAfter != 0);
             });
             break;
         case 6: // level 3: property writes
@@ -463,9 +471,8 @@ TEST_F(ServiceStress, ThirtyTwoClientsUnderRandomHostFaults)
     plan.port = port();
     {
         auto admin = connectAt(3);
-        (*admin)->collectSubtree(plan.shared, 0, 0);
-        std::vector<rpc::Uuid> loops;
-        (*admin)->collectSubtree(loops, 0, kLoopType);
+        plan.shared = collectAll(*admin, 0, 0);
+        const std::vector<rpc::Uuid> loops = collectAll(*admin, 0, kLoopType);
         ASSERT_FALSE(loops.empty());
         plan.loop = loops.front();
         for (int i = 0; i < kClients; ++i)
@@ -560,8 +567,7 @@ TEST_F(ServiceStress, ATypeLookupFailureInThePumpIsNeverASilentLoss)
 {
     panelsim::setLogSink([](int, const std::string&, const std::string&) {});
     auto admin = connectAt(3);
-    std::vector<rpc::Uuid> detectors;
-    (*admin)->collectSubtree(detectors, 0, kDetectorType);
+    const std::vector<rpc::Uuid> detectors = collectAll(*admin, 0, kDetectorType);
     ASSERT_FALSE(detectors.empty());
     const rpc::Uuid detector = detectors.front();
     auto byElement = connect();

@@ -10,6 +10,7 @@ import path from 'node:path';
 export const require = createRequire(import.meta.url);
 const thrift = require('thrift');
 const PanelService = require(path.join(process.env.EGW_GEN_JS, 'PanelService.js'));
+const types = require(path.join(process.env.EGW_GEN_JS, 'panelService_types.js'));
 
 export const workDir = mkdtempSync(path.join(tmpdir(), 'egw-web-'));
 export const database = path.join(workDir, 'egwd.db');
@@ -67,7 +68,14 @@ export const num = (value) => (typeof value === 'number' ? value : value.toNumbe
 // The sample panel's elements by label (its labels are unique): uuid and ID string.
 export async function elementsByLabel(client) {
     const byLabel = new Map();
-    for (const snap of await client.snapshot(0, [0x30002], false)) {
+    const request = new types.SnapshotRequest({ root: 0, propertyIds: [0x30002], withStates: false, depth: 0, after: 0, max: 0 });
+    const elements = [];
+    do {
+        const page = await client.snapshot(request);
+        elements.push(...page.elements);
+        request.after = page.nextAfter;
+    } while (num(request.after) !== 0);
+    for (const snap of elements) {
         const value = snap.properties[0]?.value;
         if (value?.present) {
             const label = value.bytes.toString('utf8').replace(/\0+$/, '');

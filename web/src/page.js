@@ -59,7 +59,14 @@ function textOf(result) {
 
 async function loadTree(client) {
     const root = await client.getRoot();
-    const snapshot = await client.snapshot(root, [LABEL, ZONE_TEXT], true);
+    // The whole tree, one page of the snapshot after another.
+    const snapshot = [];
+    const request = new rpc.SnapshotRequest({ root, propertyIds: [LABEL, ZONE_TEXT], withStates: true, depth: 0, after: 0, max: 0 });
+    do {
+        const page = await client.snapshot(request);
+        snapshot.push(...page.elements);
+        request.after = page.nextAfter;
+    } while (num(request.after) !== 0);
     const elements = new Map();
     for (const snap of snapshot) {
         const uuid = num(snap.uuid);

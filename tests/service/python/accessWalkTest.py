@@ -174,7 +174,7 @@ class AccessWalkTest(EgwdTestCase):
             calls = {
                 "findElementByProperty": lambda p: client.findElementByProperty(0, p, b"2222",
                                                                                 False),
-                "snapshot": lambda p: client.snapshot(0, [p], False),
+                "snapshot": lambda p: egwdProcess.snapshot_all(client, 0, [p], False),
                 "getDefaultInteger": lambda p: client.getDefaultInteger(PANEL_TYPE, p),
             }
             for prop in PASSWORD_PROPERTIES:
@@ -221,7 +221,7 @@ class PanelElementPasswordsTest(EgwdTestCase):
         self.assertEqual(client.login(4, PASSWORDS[4]).accessLevel, 4)
 
     def test_password_properties_need_level_4(self):
-        panel = self.egwd.connect().collectSubtree(0, PANEL_TYPE)
+        panel = egwdProcess.collect_all(self.egwd.connect(), 0, PANEL_TYPE)
         self.assertEqual(len(panel), 1)
         panel = panel[0]
         held = {0x30010: b"2468", 0x30011: b"3333", 0x3000C: b"3131", 0x301F0: b"4444"}
@@ -268,7 +268,7 @@ class PanelElementPasswordsTest(EgwdTestCase):
             client.subscribe(Subscription(kind=SubscriptionKind.ALL_PROPERTY_CHANGES,
                                           target=PANEL_TYPE))
             sessions[level] = client
-        panel = sessions[1].collectSubtree(0, PANEL_TYPE)[0]
+        panel = egwdProcess.collect_all(sessions[1], 0, PANEL_TYPE)[0]
         sessions[4].setBytes(panel, 0x30010, b"1357")
         sessions[4].setBytes(panel, 0x30002, b"Annex, east wing")
         for level, client in sessions.items():

@@ -37,7 +37,7 @@ class ExampleRuns:
         self.assertEqual(self.egwd.connect().getState(detector, FIRE_ALARM_STATE), NORMAL)
 
     def element(self, key):
-        keys = self.egwd.connect().getElementKeys()
+        keys = egwdProcess.element_keys(self.egwd.connect())
         return next(uuid for uuid, name in keys.items() if name == key)
 
 

@@ -125,7 +125,7 @@ class Writer(threading.Thread):
         client = PanelService.Client(TBinaryProtocol.TBinaryProtocol(transport))
         transport.open()
         client.login(3, PASSWORDS[3])
-        keys = {key: uuid for uuid, key in client.getElementKeys().items()}
+        keys = {key: uuid for uuid, key in egwdProcess.element_keys(client).items()}
         return transport, (client, keys[ELEMENTS[self.number]])
 
     def _change(self, client, uuid):

@@ -25,7 +25,7 @@ from thrift.protocol import TBinaryProtocol, TCompactProtocol
 from thrift.transport import TSocket, TTransport
 
 from egw_rpc import PanelService
-from egw_rpc.ttypes import ErrorCode, PanelError  # noqa: F401 (used by the test files)
+from egw_rpc.ttypes import ErrorCode, PanelError, SnapshotRequest  # noqa: F401 (test files)
 
 # The sample type library's default passwords of the access levels.
 PASSWORDS = {2: "2222", 3: "3333", 4: "4444"}
@@ -130,6 +130,41 @@ class Egwd:
         status, text = self.process.returncode, self.stderr()
         self._folder.cleanup()
         return status, text
+
+
+def collect_all(client, root, type_id):
+    """Every element of the type below the root, one page of collectSubtree after another."""
+    found, after = [], 0
+    while True:
+        page = client.collectSubtree(root, type_id, after, 0)
+        found += page.uuids
+        after = page.nextAfter
+        if after == 0:
+            return found
+
+
+def snapshot_all(client, root, property_ids, with_states):
+    """The whole sub-tree's snapshot, one page after another."""
+    request = SnapshotRequest(root=root, propertyIds=property_ids, withStates=with_states,
+                              depth=0, after=0, max=0)
+    elements = []
+    while True:
+        page = client.snapshot(request)
+        elements += page.elements
+        request.after = page.nextAfter
+        if request.after == 0:
+            return elements
+
+
+def element_keys(client):
+    """The panel file's keys by uuid, one page after another."""
+    keys, after = {}, 0
+    while True:
+        page = client.getElementKeys(after, 0)
+        keys.update(page.keys)
+        after = page.nextAfter
+        if after == 0:
+            return keys
 
 
 def precondition_reports(stderr_text):

@@ -71,7 +71,7 @@ class DiskFullTest(RecordsTestCase):
         egwd = self.start(preexec_fn=limit_file_size)
         admin = egwd.connect_at(4)
         guest = egwd.connect()
-        detector = admin.collectSubtree(0, DETECTOR_TYPE)[0]
+        detector = egwdProcess.collect_all(admin, 0, DETECTOR_TYPE)[0]
         accepted = None
         message = None
         for change in range(MOST_CHANGES):
@@ -119,7 +119,7 @@ class ReadOnlyDatabaseTest(RecordsTestCase):
     def test_changes_refused_until_the_database_is_writable_again(self):
         first = self.start("--database", self.database)
         client = first.connect_at(3)
-        detector = client.collectSubtree(0, DETECTOR_TYPE)[0]
+        detector = egwdProcess.collect_all(client, 0, DETECTOR_TYPE)[0]
         # Each start serves the sample panel as loaded.
         loaded = client.getInteger(detector, ALARM_THRESHOLD)
         client.setInteger(detector, ALARM_THRESHOLD, 11)

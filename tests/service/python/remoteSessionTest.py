@@ -24,7 +24,7 @@ class Panel:
     """The sample panel's elements by their keys in the panel file."""
 
     def __init__(self, client):
-        self.uuid = {key: uuid for uuid, key in client.getElementKeys().items()}
+        self.uuid = {key: uuid for uuid, key in egwdProcess.element_keys(client).items()}
 
 
 class SessionChecks:
@@ -162,7 +162,7 @@ class RemoteSessionTest(EgwdTestCase, SessionChecks):
 
     def test_unknown_uuid_and_wrong_category(self):
         c, detector = self.client, self.panel.uuid["det-1-001"]
-        unknown = max(c.collectSubtree(0, 0)) + 1000
+        unknown = max(egwdProcess.collect_all(c, 0, 0)) + 1000
         for call in (c.getIdString, c.getAddressTexts, c.getEventDetail, c.getStates):
             with self.subTest(operation=call.__name__):
                 error = self.assertPanelError(ErrorCode.NO_SUCH_ELEMENT, call, unknown)
@@ -183,7 +183,8 @@ class RemoteSessionTest(EgwdTestCase, SessionChecks):
         properties = (LABEL, ADDRESS, DEVICE_ID, BUZZER_ENABLED, SITE_NAME, LANGUAGE,
                       COMMISSIONING_DATE, ALARM_THRESHOLD, LAST_SERVICE_DATE, GUID,
                       0x30010, OPTICAL_SMOKE_DETECTOR)
-        elements = c.collectSubtree(0, 0) + [max(c.collectSubtree(0, 0)) + 1]
+        elements = egwdProcess.collect_all(c, 0, 0)
+        elements.append(max(elements) + 1)
         refs = [PropertyRef(uuid=u, propertyId=p) for u in elements for p in properties]
         self.assertGreaterEqual(len(refs), 1000)
         results = c.readProperties(refs)
@@ -208,9 +209,9 @@ class RemoteSessionTest(EgwdTestCase, SessionChecks):
 
     def test_snapshot_of_the_whole_tree(self):
         c = self.client
-        snapshot = c.snapshot(0, [LABEL, ALARM_THRESHOLD], True)
+        snapshot = egwdProcess.snapshot_all(c, 0, [LABEL, ALARM_THRESHOLD], True)
         self.assertEqual(len(snapshot), c.getServiceInfo().elementCount)
-        self.assertEqual([s.uuid for s in snapshot], c.collectSubtree(0, 0))
+        self.assertEqual([s.uuid for s in snapshot], egwdProcess.collect_all(c, 0, 0))
         for element in snapshot:
             with self.subTest(uuid=element.uuid):
                 self.assertEqual(element.typeId, c.getElementType(element.uuid))
@@ -260,7 +261,7 @@ class CompactProtocolTest(EgwdTestCase, SessionChecks):
     def test_reads_writes_and_events(self):
         client = self.egwd.connect()
         info = client.getServiceInfo()
-        self.assertEqual(info.interfaceVersion, "1.0")
+        self.assertEqual(info.interfaceVersion, "2.0")
         self.assertGreater(info.elementCount, 0)
         detector = Panel(client).uuid["det-1-001"]
         self.assertEqual(client.getIdString(detector), "01.001")
