@@ -408,32 +408,48 @@ std::shared_ptr<SessionQueue> EventHub::attach()
 void EventHub::detach(const std::shared_ptr<SessionQueue>& queue)
 {
     queue->close();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto session = sessions_.find(queue.get());
-    if (session == sessions_.end())
+    const std::lock_guard<std::mutex> changing(changes_);
+    std::vector<EventFilter> ended;
     {
-        return;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto session = sessions_.find(queue.get());
+        if (session == sessions_.end())
+        {
+            return;
+        }
+        for (const auto& held : session->second.filters)
+        {
+            if (releaseLocked(held.first, held.second))
+            {
+                ended.push_back(held.first);
+            }
+        }
+        sessions_.erase(session);
     }
-    for (const auto& held : session->second.filters)
+    for (const EventFilter& filter : ended)
     {
-        releaseLocked(held.first, held.second, nullptr);
+        unsubscribeInServer(filter, nullptr);
     }
-    sessions_.erase(session);
 }
 
-void EventHub::releaseLocked(const EventFilter& filter, int count, void* client)
+bool EventHub::releaseLocked(const EventFilter& filter, int count)
 {
     const auto held = held_.find(filter);
     if (held == held_.end())
     {
-        return;
+        return false;
     }
     held->second -= count;
     if (held->second > 0)
     {
-        return;
+        return false;
     }
     held_.erase(held);
+    return true;
+}
+
+void EventHub::unsubscribeInServer(const EventFilter& filter, void* client)
+{
     // A host failure is tried again, as a module subscription that no session holds would go on
     // taking the element server's events; it must never stop a closing session either (this runs
     // in its destructor). An element deleted meanwhile took its subscriptions with it.
@@ -471,19 +487,23 @@ void EventHub::subscribe(const std::shared_ptr<SessionQueue>& queue,
 {
     TypeFacts facts;
     const std::vector<EventFilter> filters = filtersOf(request, facts);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    SessionFilters& session = sessions_.at(queue.get());
-    if (session.filters.size() + filters.size() > filterLimit_)
+    const std::lock_guard<std::mutex> changing(changes_);
     {
-        refuse(rpc::ErrorCode::LIMIT, "the session may follow at most " +
-                                          std::to_string(filterLimit_) +
-                                          " event ids; unsubscribe some first");
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (sessions_.at(queue.get()).filters.size() + filters.size() > filterLimit_)
+        {
+            refuse(rpc::ErrorCode::LIMIT, "the session may follow at most " +
+                                              std::to_string(filterLimit_) +
+                                              " event ids; unsubscribe some first");
+        }
     }
     if (!subscribeInServer(module_, request, filters, client))
     {
         refuse(rpc::ErrorCode::REFUSED, "the element server refused the subscription to target " +
                                             hex(static_cast<std::uint64_t>(request.target)));
     }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    SessionFilters& session = sessions_.at(queue.get());
     for (const EventFilter& filter : filters)
     {
         ++session.filters[filter];
@@ -496,20 +516,31 @@ void EventHub::unsubscribe(const std::shared_ptr<SessionQueue>& queue,
 {
     TypeFacts facts;
     const std::vector<EventFilter> filters = filtersOf(request, facts);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    SessionFilters& session = sessions_.at(queue.get());
-    for (const EventFilter& filter : filters)
+    const std::lock_guard<std::mutex> changing(changes_);
+    std::vector<EventFilter> ended;
     {
-        const auto own = session.filters.find(filter);
-        if (own == session.filters.end())
+        const std::lock_guard<std::mutex> lock(mutex_);
+        SessionFilters& session = sessions_.at(queue.get());
+        for (const EventFilter& filter : filters)
         {
-            continue;
+            const auto own = session.filters.find(filter);
+            if (own == session.filters.end())
+            {
+                continue;
+            }
+            if (--own->second == 0)
+            {
+                session.filters.erase(own);
+            }
+            if (releaseLocked(filter, 1))
+            {
+                ended.push_back(filter);
+            }
         }
-        if (--own->second == 0)
-        {
-            session.filters.erase(own);
-        }
-        releaseLocked(filter, 1, client);
+    }
+    for (const EventFilter& filter : ended)
+    {
+        unsubscribeInServer(filter, client);
     }
 }
 

@@ -110,7 +110,10 @@ private:
 
     void pump();
     void deliver(const RawEvent& raw);
-    void releaseLocked(const EventFilter& filter, int count, void* client);
+    // Drops `count` holders of the filter; true when none is left, so that the module's
+    // subscription in the element server is to be ended (unsubscribeInServer).
+    bool releaseLocked(const EventFilter& filter, int count);
+    void unsubscribeInServer(const EventFilter& filter, void* client);
 
     EventSource& source_;
     EventMemory* const memory_;
@@ -118,6 +121,10 @@ private:
     const UINT32 module_;
     const std::size_t queueLimit_;
     const std::size_t filterLimit_;
+    // Subscribing, unsubscribing and detaching one at a time, held across their library calls
+    // (which wait for the element server); the pump never takes it. mutex_ guards the maps
+    // below and is never held across a library call, so the pump never waits for a session.
+    std::mutex changes_;
     std::mutex mutex_;
     std::map<SessionQueue*, SessionFilters> sessions_;
     std::map<EventFilter, int> held_; // element-server subscriptions, by number of holders

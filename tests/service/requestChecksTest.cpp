@@ -194,29 +194,6 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
     EXPECT_EQ((*admin)->echo(7), 7);
 }
 
-// A batch answers every pair: the refused ones with their error, the others with their value.
-TEST_F(RequestChecks, BatchedReadsKeepGoingPastRefusedPairs)
-{
-    auto client = connect();
-    const std::vector<rpc::Uuid> detectors = collectAll(*client, 0, kDetectorType);
-    std::vector<rpc::PropertyRef> refs(3);
-    refs[0].uuid = detectors.front();
-    refs[0].propertyId = kAddress;
-    refs[1].uuid = kUnknownUuid;
-    refs[1].propertyId = kAddress;
-    refs[2].uuid = detectors.front();
-    refs[2].propertyId = kLabel;
-    std::vector<rpc::PropertyResult> results;
-    (*client)->readProperties(results, refs);
-    ASSERT_EQ(results.size(), 3u);
-    EXPECT_EQ(results[0].value.integer, (*client)->getInteger(detectors.front(), kAddress));
-    EXPECT_TRUE(results[1].__isset.error);
-    EXPECT_EQ(results[1].error.code, ErrorCode::NO_SUCH_ELEMENT);
-    std::string label;
-    (*client)->getBytes(label, detectors.front(), kLabel);
-    EXPECT_EQ(results[2].value.bytes, label);
-}
-
 // The passwords are read and written at level 4 only, however they are asked for.
 TEST_F(RequestChecks, PasswordsStayBelowLevelFour)
 {
