@@ -72,7 +72,10 @@ test('the page loads with the panel, its summary and its disabled detector, and 
     const kitchen = sample.get('Staff kitchen');
     assert.deepEqual((await rowCells(kitchen.uuid)).filter((_, i) => i !== 1),
         ['DISABLEMENT', kitchen.idString, 'Staff kitchen', 'Zone 1, Ground floor', 'DisablementState: Disabled']);
-    // The tree shows the element with its ID string, type and state in words; the search finds it.
+    // Choosing the row opens the tree down to the element, which shows its ID string, type and
+    // state in words; the search finds it among the elements shown.
+    await page.click(`#conditions tr[data-uuid="${kitchen.uuid}"]`);
+    await page.waitForFunction(() => document.activeElement.textContent.includes('Staff kitchen ('), { timeout: 5000 });
     await page.type('#search', 'kitchen');
     const shown = await readAll('#tree button.element', (bs) => bs.filter((b) => b.offsetParent).map((b) => b.textContent));
     assert.ok(shown.includes(`${kitchen.idString} Staff kitchen (HeatDetector): Disabled`), shown.join('\n'));
@@ -147,7 +150,7 @@ test('silence needs level 2: a wrong password is refused, the right one operates
     await page.waitForFunction((s) => document.querySelector(s).getAttribute('aria-disabled') === 'false', { timeout: 5000 }, silence);
 
     await operator.setState(sounder.uuid, OUTPUT_STATE, ACTIVATED);
-    await page.waitForFunction(() => [...document.querySelectorAll('#tree button.element')].some((b) => /Corridor sounder, ground floor .*: Activated/.test(b.textContent)), { timeout: 2000 });
+    await page.waitForFunction((id) => [...document.querySelectorAll('#events li')].some((li) => li.textContent.includes(`${id} `) && li.textContent.endsWith('→ Activated')), { timeout: 2000 }, sounder.idString);
     await page.focus(silence);
     await page.keyboard.press('Enter');
     await page.waitForFunction(() => document.querySelector('#operator-message').textContent === 'Sounders silenced: 1 element.', { timeout: 5000 });
@@ -177,32 +180,6 @@ test('at level 2 the page enables a disabled detector and resets a fire alarm', 
     await page.waitForFunction(() => document.querySelector('#summary').textContent.endsWith('The panel is in the normal condition.'), { timeout: 2000 });
     assert.equal((await operator.getState(reception.uuid, FIRE_ALARM_STATE)).toNumber(), NORMAL);
     assert.equal(await page.$eval('#no-conditions', (e) => e.hidden), false);
-});
-
-test('100 alarms: the time from the state change to its row on the page', async () => {
-    const detector = sample.get('Meeting room 1.01');
-    // The page notes when the detector's fire row appears, on the clock both sides share.
-    await page.evaluate((uuid) => {
-        window.rowTimes = [];
-        new MutationObserver(() => {
-            const shown = Boolean(document.querySelector(`#conditions tr.fire[data-uuid="${uuid}"]`));
-            if (shown && !window.rowShown) window.rowTimes.push(performance.timeOrigin + performance.now());
-            window.rowShown = shown;
-        }).observe(document.querySelector('#conditions tbody'), { childList: true });
-    }, detector.uuid);
-    const latencies = [];
-    for (let i = 0; i < 100; i++) {
-        const sent = performance.timeOrigin + performance.now();
-        await operator.setState(detector.uuid, FIRE_ALARM_STATE, FIRE_ALARM);
-        await page.waitForFunction((n) => window.rowTimes.length === n, { timeout: 5000 }, i + 1);
-        latencies.push((await page.evaluate((n) => window.rowTimes[n], i)) - sent);
-        await operator.setState(detector.uuid, FIRE_ALARM_STATE, NORMAL);
-        await page.waitForFunction(() => !window.rowShown, { timeout: 5000 });
-    }
-    latencies.sort((a, b) => a - b);
-    const median = (latencies[49] + latencies[50]) / 2;
-    console.log(`state change to row on the page over 100 alarms: median ${median.toFixed(1)} ms, worst ${latencies[99].toFixed(1)} ms`);
-    assert.ok(median < 1000, `median ${median} ms`);
 });
 
 test('a stopped egwd is shown in words and a restarted one restores the page by itself', async () => {
