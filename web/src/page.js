@@ -17,6 +17,7 @@ const ACTIVATED = 0x6000a;
 const SILENCED = 0x6000b;
 
 const POLL_MS = 800; // a long poll; an event ends it at once
+const SETTLING_MS = 50; // between readings while the page subscribes or egwd reads the panel
 const KEPT_EVENTS = 200;
 // egwd's kinds of condition (ConditionKind), by their number; outputs are not listed as conditions.
 const KINDS = { 1: 'fire', 2: 'fault', 3: 'disablement', 4: 'output' };
@@ -100,25 +101,37 @@ async function loadChildren(uuid) {
     return self;
 }
 
+// The conditions first and at once; the rest after them.
 async function load() {
     const client = await openSession();
     page.client = client;
     page.types = new Map();
-    const [info, levels, session] = await Promise.all([client.getServiceInfo(), client.getAccessLevels(), client.getSession()]);
+    page.subscribed = false;
+    const [, levels, session] = await Promise.all([readConditions(client), client.getAccessLevels(), client.getSession()]);
     page.levels = levels;
     page.level = session.accessLevel;
-    $('panel-name').textContent = info.panelDescription;
-    document.title = `Fire panel: ${info.panelDescription}`;
-    // The conditions first and at once; then every state change of every type with state groups,
-    // and the conditions again: a change between the two readings is in the second.
-    const list = await readConditions(client);
     page.events = [];
     showSession();
     render();
-    await Promise.all(list.stateTypes.map((typeId) =>
-        client.subscribe(new rpc.Subscription({ kind: rpc.SubscriptionKind.ALL_STATE_CHANGES, target: typeId, eventId: 0, values: [], categories: [], secondNotification: false }))));
-    await readConditions(client);
-    render();
+}
+
+// The panel's name: egwd counts the elements for it, which takes a while on a large panel.
+async function showPanelName() {
+    const info = await page.client.getServiceInfo();
+    $('panel-name').textContent = info.panelDescription;
+    document.title = `Fire panel: ${info.panelDescription}`;
+}
+
+// Every state change of every type with state groups, one request at a time: egwd serves the
+// session's requests in turn, and the conditions are read between them. Until this is done the
+// conditions are read every few tens of milliseconds: a change before a subscription is in the
+// next reading.
+async function subscribeAll(generation) {
+    for (const typeId of page.list.stateTypes) {
+        if (generation !== page.generation) return;
+        await page.client.subscribe(new rpc.Subscription({ kind: rpc.SubscriptionKind.ALL_STATE_CHANGES, target: typeId, eventId: 0, values: [], categories: [], secondNotification: false }));
+    }
+    page.subscribed = true;
 }
 
 // The root and its children; the rest as the operator opens them.
@@ -157,17 +170,20 @@ function applyEvent(event) {
 
 async function follow(generation) {
     while (generation === page.generation) {
-        const events = await page.client.nextEvents(100, POLL_MS);
+        const settled = page.subscribed && page.list.complete;
+        if (!settled) await new Promise((resolve) => setTimeout(resolve, SETTLING_MS));
+        const events = await page.client.nextEvents(100, settled ? POLL_MS : 0);
         if (generation !== page.generation) return;
         const changed = events.map(applyEvent).includes(true);
-        // Until egwd has read the whole panel, its conditions are read again on every poll.
-        if (changed || !page.list.complete) await readConditions(page.client);
+        // Until the page follows every change and egwd has read the whole panel, the conditions
+        // are read again on every poll.
+        if (changed || !settled) await readConditions(page.client);
         if (generation !== page.generation) return;
         // An event's kind is that of egwd's condition it raised, if it still stands.
         for (const e of page.events) {
             if (e.kind === undefined && e.uuid) e.kind = page.kindOf.get(`${e.uuid}:${e.group}`) ?? null;
         }
-        if (events.length || !page.list.complete || changed) {
+        if (events.length || !settled) {
             render();
             page.treeItems.forEach((_, uuid) => updateTreeItem(uuid));
         }
@@ -194,6 +210,8 @@ async function connect() {
         connect();
     };
     follow(generation).catch(lost);
+    subscribeAll(generation).catch(lost);
+    showPanelName().catch(lost);
     loadTree(generation).catch(lost);
 }
 
