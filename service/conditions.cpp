@@ -39,6 +39,9 @@ constexpr ConditionRule kConditionRules[] = {
 // A failed hold of the lock is tried again after this long.
 constexpr std::chrono::milliseconds kRetryPause{100};
 constexpr int kUnlockAttempts = 100;
+// A row's ID string, label and zone are read again after this long (a level-3 session may have
+// changed them): a reply after every event does not read them all again.
+constexpr std::chrono::seconds kDescribedFor{5};
 
 // The element server's lock for one slice of the scan.
 class SliceLock
@@ -322,10 +325,9 @@ void PanelConditions::scan(void* client)
     complete_ = true;
 }
 
-PanelConditions::Described PanelConditions::describe(UINT32 uuid, void* client)
+PanelConditions::Described PanelConditions::describe(TypeFacts& facts, UINT32 uuid, void* client)
 {
     Described d;
-    TypeFacts facts;
     d.type = EGW_ElementServerGetElementTypeByUuid(uuid, client);
     if (d.type == 0)
     {
@@ -347,6 +349,27 @@ PanelConditions::Described PanelConditions::describe(UINT32 uuid, void* client)
             d.zoneLabel += ", " + text;
         }
     }
+    return d;
+}
+
+PanelConditions::Described PanelConditions::described(TypeFacts& facts, UINT32 uuid, void* client)
+{
+    const auto now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard<std::mutex> lock(describedMutex_);
+        const auto found = described_.find(uuid);
+        if (found != described_.end() && now - found->second.at < kDescribedFor)
+        {
+            return found->second.described;
+        }
+    }
+    Described d = describe(facts, uuid, client);
+    const std::lock_guard<std::mutex> lock(describedMutex_);
+    if (described_.size() >= 8 * limits_.rowsPerKind)
+    {
+        described_.clear(); // rows of conditions long gone
+    }
+    described_[uuid] = {d, now};
     return d;
 }
 
@@ -374,6 +397,7 @@ rpc::ConditionList PanelConditions::list(void* client)
                                                     : a.first < b.first;
     };
     std::vector<Key> gone;
+    TypeFacts facts;
     for (auto& rows : byKind)
     {
         const std::size_t shown = std::min(rows.size(), limits_.rowsPerKind);
@@ -382,7 +406,7 @@ rpc::ConditionList PanelConditions::list(void* client)
         for (std::size_t i = 0; i < shown; ++i)
         {
             const auto& [key, held] = rows[i];
-            const Described d = describe(key.uuid, client);
+            const Described d = described(facts, key.uuid, client);
             if (d.type == 0)
             {
                 gone.push_back(key); // deleted with its conditions

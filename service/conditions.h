@@ -15,10 +15,12 @@
 #include <optional>
 #include <set>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "elementGateway.h"
 #include "panelService_types.h"
+#include "service/requestChecks.h"
 
 namespace egwservice
 {
@@ -82,7 +84,9 @@ private:
     void scan(void* client);
     // Sets or clears one (element, group) of the map by its value.
     static void place(std::map<Key, Held>& into, const Key& key, UINT32 value, std::int64_t since);
-    Described describe(UINT32 uuid, void* client);
+    static Described describe(TypeFacts& facts, UINT32 uuid, void* client);
+    // The same, kept for a few seconds.
+    Described described(TypeFacts& facts, UINT32 uuid, void* client);
 
     const ConditionLimits limits_;
     std::mutex mutex_;
@@ -97,6 +101,13 @@ private:
     bool stopping_ = false;
     std::atomic<bool> complete_{false};
     std::vector<std::int64_t> stateTypes_;
+    struct Kept
+    {
+        Described described;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::mutex describedMutex_;
+    std::unordered_map<UINT32, Kept> described_;
     std::thread thread_;
 };
 
