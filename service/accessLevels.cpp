@@ -64,6 +64,7 @@ constexpr Rule kRules[] = {
     {"subscribe", 1},
     {"unsubscribe", 1},
     {"nextEvents", 1},
+    {"getConditions", 1},
     {"queryEvents", 1},
     // Operating the panel
     {"executeCommand", 2},

@@ -367,9 +367,10 @@ void SessionQueue::close()
 // ---- EventHub -----------------------------------------------------------------------------------
 
 EventHub::EventHub(EventSource& source, UINT32 module, std::size_t queueLimit,
-                   std::size_t filterLimit, EventMemory* memory)
+                   std::size_t filterLimit, EventMemory* memory, PanelConditions* conditions)
     : source_(source),
       memory_(memory),
+      conditions_(conditions),
       module_(module),
       queueLimit_(queueLimit),
       filterLimit_(filterLimit)
@@ -579,6 +580,10 @@ void EventHub::pump()
                     }
                 }
                 droppedSeen_ = dropped;
+                if (conditions_ != nullptr)
+                {
+                    conditions_->lost();
+                }
             }
         }
         catch (const std::exception&)
@@ -652,11 +657,15 @@ void EventHub::deliver(const RawEvent& raw)
     {
         queue->lose(1);
     }
-    if (recipients.empty() && memory_ == nullptr)
+    if (recipients.empty() && memory_ == nullptr && conditions_ == nullptr)
     {
         return;
     }
     const rpc::Event event = decode(raw, type);
+    if (conditions_ != nullptr)
+    {
+        conditions_->apply(event);
+    }
     for (const auto& queue : recipients)
     {
         queue->push(event);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "panelService_types.h"
+#include "service/conditions.h"
 #include "service/eventMemory.h"
 #include "service/eventSource.h"
 
@@ -78,9 +79,10 @@ private:
 class EventHub
 {
 public:
-    // Every event received is stored in the memory when there is one.
+    // Every event received is stored in the memory when there is one, and changes the conditions
+    // when there are some (before any session sees it).
     EventHub(EventSource& source, UINT32 module, std::size_t queueLimit, std::size_t filterLimit,
-             EventMemory* memory = nullptr);
+             EventMemory* memory = nullptr, PanelConditions* conditions = nullptr);
     ~EventHub();
     EventHub(const EventHub&) = delete;
     EventHub& operator=(const EventHub&) = delete;
@@ -117,6 +119,7 @@ private:
 
     EventSource& source_;
     EventMemory* const memory_;
+    PanelConditions* const conditions_;
     const UINT32 module_;
     const std::size_t queueLimit_;
     const std::size_t filterLimit_;

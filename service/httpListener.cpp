@@ -197,6 +197,9 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
                               {"X-Content-Type-Options", "nosniff"},
                               {"Referrer-Policy", "no-referrer"},
                               {"Cache-Control", "no-store"}});
+    // The page's script goes out as it is: cpp-httplib compresses exactly "application/javascript"
+    // anew for every request, which held the page's start back by one to two seconds.
+    http.set_file_extension_and_mimetype_mapping("js", "application/javascript; charset=utf-8");
     if (!http.set_mount_point("/", settings_.webRoot))
     {
         throw PageRefused("the page's files cannot be served from \"" + settings_.webRoot + "\"");

@@ -325,7 +325,9 @@ ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source,
                    : std::make_unique<SqliteAuditTrail>(settings_.database,
                                                         settings_.auditRetention)),
       memory_(settings_.database, settings_.eventRows),
-      events_(source, 4, settings_.queueLimit, settings_.filterLimit, &memory_),
+      conditions_(settings_.conditions),
+      events_(source, 4, settings_.queueLimit, settings_.filterLimit, &memory_,
+              settings_.followPanel ? &conditions_ : nullptr),
       logins_(settings_.logins, settings_.clock)
 {
     if (!settings_.followPanel)
@@ -361,6 +363,7 @@ ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source,
             }
         }
     }
+    conditions_.start(); // after the subscriptions: no change falls between its reading and them
 }
 
 ServiceCore::~ServiceCore()
@@ -1632,6 +1635,17 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
 void PanelHandler::hurryEvents()
 {
     events_->hurry();
+}
+
+void PanelHandler::getConditions(rpc::ConditionList& _return)
+{
+    run("getConditions", [&] {
+        if (!core_.settings().followPanel)
+        {
+            refuse(ErrorCode::REFUSED, "this service does not follow the panel's events");
+        }
+        _return = core_.conditions().list(client());
+    });
 }
 
 void PanelHandler::hideSecrets(std::vector<rpc::Event>& events) const

@@ -14,6 +14,7 @@
 
 #include "PanelService.h"
 #include "service/auditTrail.h"
+#include "service/conditions.h"
 #include "service/eventHub.h"
 #include "service/eventMemory.h"
 #include "service/loginGuard.h"
@@ -41,6 +42,7 @@ struct ServiceSettings
     // The service itself follows every state change and command of the panel, so that the event
     // memory holds the panel's history whether or not a session is watching.
     bool followPanel = false;
+    ConditionLimits conditions; // the view of the panel's conditions kept while following it
     // Sessions: logins refused after failures from one address, a login that lapses after so
     // long without a request, and how many sessions may be open at once.
     LoginLimits logins;
@@ -65,6 +67,8 @@ public:
     EventHub& events() { return events_; }
     AuditTrail& audit() { return *audit_; }
     EventMemory& eventMemory() { return memory_; }
+    // The panel's present conditions; kept only while the service follows the panel.
+    PanelConditions& conditions() { return conditions_; }
     std::int64_t newSessionId() { return ++lastSessionId_; }
     // Sessions open now.
     std::atomic<long> openSessions{0};
@@ -74,6 +78,7 @@ private:
     ServiceSettings settings_;
     std::unique_ptr<AuditTrail> audit_;
     EventMemory memory_; // before the events, whose pump stores into it
+    PanelConditions conditions_; // likewise
     EventHub events_;
     std::atomic<std::int64_t> lastSessionId_{0};
     LoginGuard logins_;
@@ -175,6 +180,7 @@ public:
     // Ends this session's nextEvents wait under way at once (not a remote call: the page's
     // listener uses it so that an operator's action does not queue behind the page's long poll).
     void hurryEvents();
+    void getConditions(rpc::ConditionList& _return) override;
 
     void getElementKeys(rpc::KeyPage& _return, Uuid after, std::int32_t max) override;
 

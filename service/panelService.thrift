@@ -181,6 +181,43 @@ struct ElementSnapshot {
   6: list<StateValue> states
 }
 
+// The panel's present conditions as the service holds them: a fire alarm, a fault, a
+// disablement, or an output that is activated or silenced.
+enum ConditionKind {
+  FIRE = 1,
+  FAULT = 2,
+  DISABLEMENT = 3,
+  OUTPUT = 4
+}
+
+struct Condition {
+  1: ConditionKind kind,
+  2: Uuid uuid,
+  3: Id groupId,
+  4: Id value,
+  5: i64 sinceMs,      // when the service saw it raised, UTC milliseconds; 0: before it looked
+  6: Id typeId,
+  7: string idString,
+  8: string label,
+  9: Uuid zone,        // the element's zone; 0: none
+  10: string zoneLabel // the zone's label, and its zone text after a comma when it has one
+}
+
+// complete is false until the service has read the whole tree once (and again after events were
+// lost): until then the counts and rows are what it knows so far, and the panel may not be called
+// normal. Rows come fire first, then faults, disablements and outputs, each oldest first, at most
+// rowsPerKind of each kind; the counts are always whole.
+struct ConditionList {
+  1: bool complete,
+  2: i64 fires,
+  3: i64 faults,
+  4: i64 disablements,
+  5: i64 outputs,
+  6: list<Condition> conditions,
+  7: i32 rowsPerKind,
+  8: list<Id> stateTypes  // the element types that have state groups, for subscriptions
+}
+
 // Pages: a read of a whole sub-tree comes in pages, so that no reader holds the element server
 // (and with it an alarm's setState and the event pump) for longer than one page takes. Each page
 // is read under the element server's lock as one consistent view; between pages the panel may
@@ -383,6 +420,8 @@ service PanelService {
   // Up to max events of the session, fewer when their reply would pass the service's reply bound
   // (the rest wait for the next call); waits up to timeoutMs for the first one.
   list<Event> nextEvents(1: i32 max, 2: i32 timeoutMs) throws (1: PanelError error),
+  // The panel's present conditions, kept by the service from the panel's events.
+  ConditionList getConditions() throws (1: PanelError error),
 
   // ---- Panel file keys (simulator only) ----
   // The keys of the panel file the service loaded, by uuid, in pages of up to max (1 to the page

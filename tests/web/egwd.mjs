@@ -10,21 +10,21 @@ import path from 'node:path';
 export const require = createRequire(import.meta.url);
 const thrift = require('thrift');
 const PanelService = require(path.join(process.env.EGW_GEN_JS, 'PanelService.js'));
-const types = require(path.join(process.env.EGW_GEN_JS, 'panelService_types.js'));
+export const types = require(path.join(process.env.EGW_GEN_JS, 'panelService_types.js'));
 
 export const workDir = mkdtempSync(path.join(tmpdir(), 'egw-web-'));
 export const database = path.join(workDir, 'egwd.db');
 
 // egwd with the page on httpPort (0: any free one), served over scheme; resolves once both ports
-// are printed.
-export function startEgwd(httpPort = 0, extra = [], scheme = 'http') {
-    const child = spawn(process.env.EGWD, ['--port', '0', '--http-port', String(httpPort), '--database', database, ...extra],
+// are printed (a large panel takes a while to load).
+export function startEgwd(httpPort = 0, extra = [], scheme = 'http', db = database) {
+    const child = spawn(process.env.EGWD, ['--port', '0', '--http-port', String(httpPort), '--database', db, ...extra],
         { stdio: ['ignore', 'pipe', 'pipe'] });
     let out = '';
     let err = '';
     child.stderr.on('data', (chunk) => { err += chunk; });
     return new Promise((resolve, reject) => {
-        const timer = setTimeout(() => { child.kill('SIGKILL'); reject(new Error(`egwd did not start: ${err}`)); }, 30000);
+        const timer = setTimeout(() => { child.kill('SIGKILL'); reject(new Error(`egwd did not start: ${err}`)); }, 120000);
         child.on('exit', (code) => { clearTimeout(timer); reject(new Error(`egwd ended (${code}): ${err}`)); });
         child.stdout.on('data', (chunk) => {
             out += chunk;

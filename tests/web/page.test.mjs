@@ -5,7 +5,7 @@ import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import path from 'node:path';
-import { require, startEgwd, stopEgwd, connectClient, elementsByLabel, database } from './egwd.mjs';
+import { require, startEgwd, stopEgwd, connectClient, elementsByLabel, database, workDir, num, types } from './egwd.mjs';
 
 const puppeteer = require('puppeteer-core');
 
@@ -66,13 +66,16 @@ const cells = (uuid) => readAll(`#conditions tbody tr[data-uuid="${uuid}"] td`, 
 test('the page loads with the panel, its summary and its disabled detector, and no console error', async () => {
     await page.goto(egwd.url);
     await page.waitForFunction(() => document.querySelector('#summary').textContent.startsWith('Fire alarms'), { timeout: 20000 });
-    assert.equal(await page.$eval('#panel-name', (e) => e.textContent), 'Sample panel: three-storey office building');
+    await page.waitForFunction(() => document.querySelector('#panel-name').textContent === 'Sample panel: three-storey office building', { timeout: 5000 });
     // The sample panel starts with its staff-kitchen heat detector disabled.
     assert.equal(await summary(), 'Fire alarms: 0. Faults: 0. Disablements: 1. The panel is NOT in the normal condition.');
     const kitchen = sample.get('Staff kitchen');
     assert.deepEqual((await rowCells(kitchen.uuid)).filter((_, i) => i !== 1),
         ['DISABLEMENT', kitchen.idString, 'Staff kitchen', 'Zone 1, Ground floor', 'DisablementState: Disabled']);
-    // The tree shows the element with its ID string, type and state in words; the search finds it.
+    // Choosing the row opens the tree down to the element, which shows its ID string, type and
+    // state in words; the search finds it among the elements shown.
+    await page.click(`#conditions tr[data-uuid="${kitchen.uuid}"]`);
+    await page.waitForFunction(() => document.activeElement.textContent.includes('Staff kitchen ('), { timeout: 5000 });
     await page.type('#search', 'kitchen');
     const shown = await readAll('#tree button.element', (bs) => bs.filter((b) => b.offsetParent).map((b) => b.textContent));
     assert.ok(shown.includes(`${kitchen.idString} Staff kitchen (HeatDetector): Disabled`), shown.join('\n'));
@@ -147,7 +150,7 @@ test('silence needs level 2: a wrong password is refused, the right one operates
     await page.waitForFunction((s) => document.querySelector(s).getAttribute('aria-disabled') === 'false', { timeout: 5000 }, silence);
 
     await operator.setState(sounder.uuid, OUTPUT_STATE, ACTIVATED);
-    await page.waitForFunction(() => [...document.querySelectorAll('#tree button.element')].some((b) => /Corridor sounder, ground floor .*: Activated/.test(b.textContent)), { timeout: 2000 });
+    await page.waitForFunction((id) => [...document.querySelectorAll('#events li')].some((li) => li.textContent.includes(`${id} `) && li.textContent.endsWith('→ Activated')), { timeout: 2000 }, sounder.idString);
     await page.focus(silence);
     await page.keyboard.press('Enter');
     await page.waitForFunction(() => document.querySelector('#operator-message').textContent === 'Sounders silenced: 1 element.', { timeout: 5000 });
@@ -179,32 +182,6 @@ test('at level 2 the page enables a disabled detector and resets a fire alarm', 
     assert.equal(await page.$eval('#no-conditions', (e) => e.hidden), false);
 });
 
-test('100 alarms: the time from the state change to its row on the page', async () => {
-    const detector = sample.get('Meeting room 1.01');
-    // The page notes when the detector's fire row appears, on the clock both sides share.
-    await page.evaluate((uuid) => {
-        window.rowTimes = [];
-        new MutationObserver(() => {
-            const shown = Boolean(document.querySelector(`#conditions tr.fire[data-uuid="${uuid}"]`));
-            if (shown && !window.rowShown) window.rowTimes.push(performance.timeOrigin + performance.now());
-            window.rowShown = shown;
-        }).observe(document.querySelector('#conditions tbody'), { childList: true });
-    }, detector.uuid);
-    const latencies = [];
-    for (let i = 0; i < 100; i++) {
-        const sent = performance.timeOrigin + performance.now();
-        await operator.setState(detector.uuid, FIRE_ALARM_STATE, FIRE_ALARM);
-        await page.waitForFunction((n) => window.rowTimes.length === n, { timeout: 5000 }, i + 1);
-        latencies.push((await page.evaluate((n) => window.rowTimes[n], i)) - sent);
-        await operator.setState(detector.uuid, FIRE_ALARM_STATE, NORMAL);
-        await page.waitForFunction(() => !window.rowShown, { timeout: 5000 });
-    }
-    latencies.sort((a, b) => a - b);
-    const median = (latencies[49] + latencies[50]) / 2;
-    console.log(`state change to row on the page over 100 alarms: median ${median.toFixed(1)} ms, worst ${latencies[99].toFixed(1)} ms`);
-    assert.ok(median < 1000, `median ${median} ms`);
-});
-
 test('a stopped egwd is shown in words and a restarted one restores the page by itself', async () => {
     const port = egwd.httpPort;
     operator.close();
@@ -222,4 +199,67 @@ test('a stopped egwd is shown in words and a restarted one restores the page by 
     const reception = sample.get('Reception, ceiling');
     await operator.setState(reception.uuid, FIRE_ALARM_STATE, FIRE_ALARM);
     await page.waitForFunction((uuid) => document.querySelector(`#conditions tr.fire[data-uuid="${uuid}"]`), { timeout: 2000 }, reception.uuid);
+});
+
+test('on a panel of 120,000 elements: conditions within 3 s, alarms during loading within 1 s, never "normal"', async () => {
+    const file = path.join(workDir, 'big.json');
+    execFileSync(process.env.EGW_TOOL, ['generate', '--loops', '100', '--devices', '1000', '--output', file]);
+    const big = await startEgwd(0, ['--panel', file], 'http', path.join(workDir, 'big.db'));
+    // A context of its own: cookies go by host, not port, and the other egwd's page still runs.
+    const context = await browser.createBrowserContext();
+    const tab = await context.newPage();
+    const client = await connectClient(big.thriftPort);
+    try {
+        await client.login(2, '2222');
+        const first = await client.snapshot(new types.SnapshotRequest({ root: 0, propertyIds: [], withStates: true, depth: 0, after: 0, max: 1000 }));
+        const detectors = first.elements.filter((e) => e.states.some((s) => num(s.groupId) === FIRE_ALARM_STATE)).map((e) => num(e.uuid));
+        // In the page, from its first moment: every summary text and when each fire row first showed.
+        await tab.evaluateOnNewDocument(() => {
+            window.samples = [];
+            window.seen = {};
+            document.addEventListener('DOMContentLoaded', () => {
+                const look = () => {
+                    const now = performance.timeOrigin + performance.now();
+                    window.samples.push(document.querySelector('#summary').textContent);
+                    for (const row of document.querySelectorAll('#conditions tr.fire')) window.seen[row.dataset.uuid] ??= now;
+                    if (!window.treeAt && document.querySelectorAll('#tree li').length > 1) window.treeAt = now;
+                };
+                new MutationObserver(look).observe(document.body, { subtree: true, childList: true, characterData: true });
+                look();
+            });
+        });
+        const clock = () => performance.timeOrigin + performance.now();
+        const [before, ...during] = detectors.slice(0, 6);
+        await client.setState(before, FIRE_ALARM_STATE, FIRE_ALARM);
+        const navigated = clock();
+        const loading = tab.goto(big.url);
+        const sent = new Map();
+        for (const [i, uuid] of during.entries()) {
+            await new Promise((resolve) => setTimeout(resolve, navigated + [0, 150, 400, 900, 2000][i] - clock()));
+            sent.set(uuid, clock());
+            await client.setState(uuid, FIRE_ALARM_STATE, FIRE_ALARM);
+        }
+        await loading;
+        await tab.waitForFunction((n) => Object.keys(window.seen).length === n && window.treeAt, { timeout: 10000 }, detectors.slice(0, 6).length);
+        const seen = await tab.evaluate(() => window.seen);
+        const shown = seen[before] - navigated;
+        const late = [...sent].map(([uuid, at]) => seen[uuid] - at);
+        const ready = (await tab.evaluate(() => window.treeAt)) - navigated;
+        const nodes = await tab.evaluate(() => document.getElementsByTagName('*').length);
+        console.log(`120k panel: conditions shown ${shown.toFixed(0)} ms after navigation, tree ready after ${ready.toFixed(0)} ms, ` +
+            `${nodes} DOM nodes; alarms raised while loading shown after ${late.map((ms) => ms.toFixed(0)).join(', ')} ms`);
+        assert.ok(shown < 3000, `conditions after ${shown} ms`);
+        assert.ok(late.every((ms) => ms < 1000), late.join(', '));
+        // egwd may still be reading the panel: the page says so until it is done.
+        await tab.waitForFunction(() => document.querySelector('#summary').textContent.endsWith('NOT in the normal condition.'), { timeout: 30000 });
+        const samples = await tab.evaluate(() => window.samples);
+        console.log(`${samples.filter((text) => text.includes('still reading')).length} of ${samples.length} summaries while egwd was still reading the panel`);
+        assert.ok(samples.length > 5, 'the summary was sampled');
+        assert.ok(!samples.some((text) => text.includes('The panel is in the normal condition')), samples.join('\n'));
+        assert.match(samples.at(-1), /^Fire alarms: 6\. Faults: 0\. Disablements: 0\. The panel is NOT/);
+    } finally {
+        client.close();
+        await context.close();
+        await stopEgwd(big);
+    }
 });

@@ -5,136 +5,142 @@ import names from 'egw-rpc/names.json';
 
 // Ids of the panel's type library.
 const LABEL = 0x30002;
-const ZONE_TEXT = 0x30036;
 const ZONE_RELATION = 0x20001;
 const EVACUATION_RELATION = 0x20002;
 const FIRE_ALARM_STATE = 0x80001;
-const FAULT_STATE = 0x80002;
 const DISABLEMENT_STATE = 0x80003;
 const OUTPUT_STATE = 0x80005;
-const POWER_STATE = 0x80007;
 const NORMAL = 0x60001;
-const FIRE_ALARM = 0x60002;
-const PRE_ALARM = 0x60003;
 const DISABLED = 0x60007;
 const ENABLED = 0x60008;
 const ACTIVATED = 0x6000a;
 const SILENCED = 0x6000b;
 
 const POLL_MS = 800; // a long poll; an event ends it at once
+const SETTLING_MS = 50; // between readings while the page subscribes or egwd reads the panel
 const KEPT_EVENTS = 200;
-const KINDS = ['fire', 'fault', 'disablement'];
+// egwd's kinds of condition (ConditionKind), by their number; outputs are not listed as conditions.
+const KINDS = { 1: 'fire', 2: 'fault', 3: 'disablement', 4: 'output' };
+const LISTED = ['fire', 'fault', 'disablement'];
 const KIND_WORDS = { fire: 'FIRE ALARM', fault: 'FAULT', disablement: 'DISABLEMENT' };
 
 const $ = (id) => document.getElementById(id);
 const nameOf = (table, id) => names[table][num(id)] ?? hex(id);
-const timeText = (ms) => (ms ? new Date(ms).toLocaleTimeString() : 'before the page opened');
+const timeText = (ms) => (ms ? new Date(ms).toLocaleTimeString() : 'not known');
 
 const page = {
     client: null,
     generation: 0,
     level: 1,
     levels: {},
-    elements: new Map(), // uuid -> element
-    conditions: new Map(), // "uuid:group" -> condition
+    root: 0,
+    elements: new Map(), // uuid -> element: those the tree has loaded
+    list: null, // egwd's ConditionList, as last read
+    conditions: [], // its rows: { kind, uuid, group, value, timeMs, typeId, idString, label, zoneLabel }
+    kindOf: new Map(), // "uuid:group" -> kind of its condition now
     events: [],
     selected: null,
     treeItems: new Map(), // uuid -> the tree's button of the element
+    types: new Map(), // typeId -> promise of its TypeInfo
 };
-
-// What a state value means for the panel's conditions: fire, fault, disablement or nothing.
-function conditionOf(group, value) {
-    if (group === FIRE_ALARM_STATE && (value === FIRE_ALARM || value === PRE_ALARM)) return 'fire';
-    if ((group === FAULT_STATE || group === POWER_STATE) && value !== NORMAL && value !== 0) return 'fault';
-    if (group === DISABLEMENT_STATE && value === DISABLED) return 'disablement';
-    return null;
-}
 
 function textOf(result) {
     const bytes = result?.value?.present ? result.value.bytes : null;
     return bytes ? bytes.toString('utf8').replace(/\0+$/, '') : '';
 }
 
+const typeInfo = (typeId) => {
+    if (!page.types.has(typeId)) page.types.set(typeId, page.client.getTypeInfo(typeId));
+    return page.types.get(typeId);
+};
+
+// ---- Conditions, from egwd ------------------------------------------------------------------
+
+// egwd keeps the panel's conditions: the page reads them, and again whenever a state changes.
+async function readConditions(client) {
+    const list = await client.getConditions();
+    page.list = list;
+    page.conditions = list.conditions.map((c) => ({
+        kind: KINDS[c.kind], uuid: num(c.uuid), group: num(c.groupId), value: num(c.value), timeMs: num(c.sinceMs),
+        typeId: num(c.typeId), idString: c.idString, label: c.label, zoneLabel: c.zoneLabel,
+    }));
+    page.kindOf = new Map(page.conditions.map((c) => [`${c.uuid}:${c.group}`, c.kind]));
+    return list;
+}
+
 // ---- Loading --------------------------------------------------------------------------------
 
-async function loadTree(client) {
-    const root = await client.getRoot();
-    // The whole tree, one page of the snapshot after another.
-    const snapshot = [];
-    const request = new rpc.SnapshotRequest({ root, propertyIds: [LABEL, ZONE_TEXT], withStates: true, depth: 0, after: 0, max: 0 });
+function elementOf(snap) {
+    return {
+        uuid: num(snap.uuid),
+        parent: num(snap.parent),
+        typeId: num(snap.typeId),
+        idString: snap.idString,
+        label: textOf(snap.properties.find((p) => num(p.propertyId) === LABEL)),
+        states: new Map(snap.states.map((s) => [num(s.groupId), num(s.value)])),
+        children: null, // their uuids once loaded
+    };
+}
+
+// The element and its children, page after page of a snapshot one level deep.
+async function loadChildren(uuid) {
+    const request = new rpc.SnapshotRequest({ root: uuid, propertyIds: [LABEL], withStates: true, depth: 1, after: 0, max: 0 });
+    const found = [];
     do {
-        const page = await client.snapshot(request);
-        snapshot.push(...page.elements);
-        request.after = page.nextAfter;
+        const part = await page.client.snapshot(request);
+        found.push(...part.elements.map(elementOf));
+        request.after = part.nextAfter;
     } while (num(request.after) !== 0);
-    const elements = new Map();
-    for (const snap of snapshot) {
-        const uuid = num(snap.uuid);
-        const property = (id) => snap.properties.find((p) => num(p.propertyId) === id);
-        elements.set(uuid, {
-            uuid,
-            parent: num(snap.parent),
-            typeId: num(snap.typeId),
-            idString: snap.idString,
-            label: textOf(property(LABEL)),
-            zoneText: textOf(property(ZONE_TEXT)),
-            states: new Map(snap.states.map((s) => [num(s.groupId), num(s.value)])),
-            children: [],
-            zone: undefined, // the zone's uuid once asked; 0: none
-        });
+    const [self, ...children] = found;
+    for (const element of found) {
+        const known = page.elements.get(element.uuid);
+        if (known) element.children = known.children;
+        page.elements.set(element.uuid, element);
     }
-    for (const element of elements.values()) {
-        elements.get(element.parent)?.children.push(element.uuid);
-    }
-    return { root: num(root), elements };
+    self.children = children.map((c) => c.uuid);
+    return self;
 }
 
-// When each present condition began, from the service's event memory where it keeps one.
-async function conditionTimes(client) {
-    const times = new Map();
-    try {
-        const stored = await client.queryEvents(new rpc.EventQuery({ fromMs: 0, toMs: 0, categories: [], subtree: 0, beforeId: 0, max: 1000 }));
-        for (const event of stored) {
-            const change = event.stateChange;
-            const key = change && `${num(change.uuid)}:${num(change.groupId)}:${num(change.value)}`;
-            if (key && !times.has(key)) times.set(key, num(event.timeMs));
-        }
-    } catch (error) {
-        if (error instanceof ConnectionLost) throw error;
-    }
-    return times;
-}
-
+// The conditions first and at once; the rest after them.
 async function load() {
     const client = await openSession();
-    const [info, levels, session] = await Promise.all([client.getServiceInfo(), client.getAccessLevels(), client.getSession()]);
-    // Every state change of every type in the panel, then the tree: a change between the two
-    // arrives as an event and is applied again on top of the tree, which changes nothing.
-    const first = await loadTree(client);
-    const types = new Set([...first.elements.values()].filter((e) => e.states.size).map((e) => e.typeId));
-    await Promise.all([...types].map((typeId) =>
-        client.subscribe(new rpc.Subscription({ kind: rpc.SubscriptionKind.ALL_STATE_CHANGES, target: typeId, eventId: 0, values: [], categories: [], secondNotification: false }))));
-    const { root, elements } = await loadTree(client);
-    const times = await conditionTimes(client);
-
     page.client = client;
+    page.types = new Map();
+    page.subscribed = false;
+    const [, levels, session] = await Promise.all([readConditions(client), client.getAccessLevels(), client.getSession()]);
     page.levels = levels;
     page.level = session.accessLevel;
-    page.elements = elements;
-    page.conditions = new Map();
-    for (const element of elements.values()) {
-        for (const [group, value] of element.states) {
-            const kind = conditionOf(group, value);
-            if (kind) {
-                page.conditions.set(`${element.uuid}:${group}`, { kind, uuid: element.uuid, group, value, timeMs: times.get(`${element.uuid}:${group}:${value}`) ?? 0 });
-            }
-        }
-    }
-    $('panel-name').textContent = info.panelDescription;
-    document.title = `Fire panel: ${info.panelDescription}`;
-    buildTree(root);
+    page.events = [];
     showSession();
     render();
+}
+
+// The panel's name: egwd counts the elements for it, which takes a while on a large panel.
+async function showPanelName() {
+    const info = await page.client.getServiceInfo();
+    $('panel-name').textContent = info.panelDescription;
+    document.title = `Fire panel: ${info.panelDescription}`;
+}
+
+// Every state change of every type with state groups, one request at a time: egwd serves the
+// session's requests in turn, and the conditions are read between them. Until this is done the
+// conditions are read every few tens of milliseconds: a change before a subscription is in the
+// next reading.
+async function subscribeAll(generation) {
+    for (const typeId of page.list.stateTypes) {
+        if (generation !== page.generation) return;
+        await page.client.subscribe(new rpc.Subscription({ kind: rpc.SubscriptionKind.ALL_STATE_CHANGES, target: typeId, eventId: 0, values: [], categories: [], secondNotification: false }));
+    }
+    page.subscribed = true;
+}
+
+// The root and its children; the rest as the operator opens them.
+async function loadTree(generation) {
+    page.elements = new Map();
+    page.root = num(await page.client.getRoot());
+    await loadChildren(page.root);
+    if (generation !== page.generation) return;
+    buildTree();
 }
 
 // ---- Live events ----------------------------------------------------------------------------
@@ -145,35 +151,42 @@ function applyEvent(event) {
         throw new ConnectionLost('events were lost');
     }
     const change = event.stateChange;
-    if (!change) return;
+    if (!change) return false;
     const uuid = num(change.uuid);
     const group = num(change.groupId);
     const value = num(change.value);
     const element = page.elements.get(uuid);
     element?.states.set(group, value);
-    const key = `${uuid}:${group}`;
-    const kind = conditionOf(group, value);
-    if (kind) {
-        page.conditions.set(key, { kind, uuid, group, value, timeMs: num(event.timeMs) });
-    } else {
-        page.conditions.delete(key);
-    }
     page.events.unshift({
         timeMs: num(event.timeMs),
-        kind,
         uuid,
+        group,
+        value,
         text: `${event.idString} ${element?.label ?? ''}: ${nameOf('stateGroups', group)} ${nameOf('stateValues', change.previous)} → ${nameOf('stateValues', value)}`,
     });
     page.events.length = Math.min(page.events.length, KEPT_EVENTS);
-    updateTreeItem(uuid);
+    return true;
 }
 
 async function follow(generation) {
     while (generation === page.generation) {
-        const events = await page.client.nextEvents(100, POLL_MS);
+        const settled = page.subscribed && page.list.complete;
+        if (!settled) await new Promise((resolve) => setTimeout(resolve, SETTLING_MS));
+        const events = await page.client.nextEvents(100, settled ? POLL_MS : 0);
         if (generation !== page.generation) return;
-        events.forEach(applyEvent);
-        if (events.length) render();
+        const changed = events.map(applyEvent).includes(true);
+        // Until the page follows every change and egwd has read the whole panel, the conditions
+        // are read again on every poll.
+        if (changed || !settled) await readConditions(page.client);
+        if (generation !== page.generation) return;
+        // An event's kind is that of egwd's condition it raised, if it still stands.
+        for (const e of page.events) {
+            if (e.kind === undefined && e.uuid) e.kind = page.kindOf.get(`${e.uuid}:${e.group}`) ?? null;
+        }
+        if (events.length || !settled) {
+            render();
+            page.treeItems.forEach((_, uuid) => updateTreeItem(uuid));
+        }
     }
 }
 
@@ -191,10 +204,15 @@ async function connect() {
         }
     }
     $('connection').hidden = true;
-    follow(generation).catch((error) => {
+    const lost = (error) => {
+        if (generation !== page.generation) return;
         showLost(error);
         connect();
-    });
+    };
+    follow(generation).catch(lost);
+    subscribeAll(generation).catch(lost);
+    showPanelName().catch(lost);
+    loadTree(generation).catch(lost);
 }
 
 function showLost(error) {
@@ -207,48 +225,43 @@ function showLost(error) {
 
 // ---- Showing --------------------------------------------------------------------------------
 
-function zoneOf(element) {
-    if (element.zone === undefined) {
-        element.zone = null;
-        page.client.getRelations(element.uuid, ZONE_RELATION, true)
-            .then((zones) => { element.zone = zones.length ? num(zones[0]) : 0; render(); })
-            .catch(() => { element.zone = 0; render(); });
-    }
-    if (element.zone === null) return '…';
-    const zone = page.elements.get(element.zone) ?? page.elements.get(element.parent);
-    if (!zone) return '';
-    return zone.zoneText ? `${zone.label}, ${zone.zoneText}` : element.zone ? zone.label : `in ${zone.label}`;
-}
-
 function render() {
-    const counts = Object.fromEntries(KINDS.map((kind) => [kind, 0]));
-    page.conditions.forEach((c) => counts[c.kind]++);
-    const normal = page.conditions.size === 0;
+    const list = page.list;
+    const counts = { fire: num(list.fires), fault: num(list.faults), disablement: num(list.disablements) };
+    const normal = counts.fire + counts.fault + counts.disablement === 0;
     const summary = $('summary');
-    summary.textContent = `Fire alarms: ${counts.fire}. Faults: ${counts.fault}. Disablements: ${counts.disablement}. ` +
-        (normal ? 'The panel is in the normal condition.' : 'The panel is NOT in the normal condition.');
+    const words = `Fire alarms: ${counts.fire}. Faults: ${counts.fault}. Disablements: ${counts.disablement}. `;
+    // Until egwd has read the whole panel nobody may call it normal.
+    summary.textContent = !list.complete
+        ? `${words}The panel service is still reading the panel: more may follow.`
+        : words + (normal ? 'The panel is in the normal condition.' : 'The panel is NOT in the normal condition.');
     summary.className = counts.fire ? 'alarm' : '';
 
-    const rows = [...page.conditions.values()].sort((a, b) => KINDS.indexOf(a.kind) - KINDS.indexOf(b.kind) || a.timeMs - b.timeMs);
+    const rows = page.conditions.filter((c) => LISTED.includes(c.kind));
     $('conditions').tBodies[0].replaceChildren(...rows.map((c) => {
-        const element = page.elements.get(c.uuid) ?? { idString: hex(c.uuid), label: '', zone: 0, uuid: c.uuid };
         const row = document.createElement('tr');
         row.className = c.kind;
         row.dataset.uuid = c.uuid;
-        for (const text of [KIND_WORDS[c.kind], timeText(c.timeMs), element.idString, element.label, zoneOf(element),
+        row.addEventListener('click', () => reveal(c.uuid));
+        for (const text of [KIND_WORDS[c.kind], timeText(c.timeMs), c.idString, c.label, c.zoneLabel,
             `${nameOf('stateGroups', c.group)}: ${nameOf('stateValues', c.value)}`]) {
             row.insertCell().textContent = text;
         }
         return row;
     }));
-    $('no-conditions').hidden = !normal;
+    const hidden = LISTED.filter((kind) => counts[kind] > rows.filter((c) => c.kind === kind).length);
+    $('more-conditions').hidden = !hidden.length;
+    $('more-conditions').textContent = hidden.length
+        ? `Only the first ${list.rowsPerKind} of each kind are listed: ${hidden.map((k) => `${counts[k]} ${KIND_WORDS[k].toLowerCase()}s`).join(', ')} in all.`
+        : '';
+    $('no-conditions').hidden = !(normal && list.complete);
 
     $('events').replaceChildren(...page.events.map((e) => {
         const item = document.createElement('li');
         item.className = e.kind ?? '';
         const kind = document.createElement('span');
         kind.className = 'kind';
-        kind.textContent = e.kind ? KIND_WORDS[e.kind] : 'EVENT';
+        kind.textContent = e.kind ? KIND_WORDS[e.kind] ?? 'EVENT' : 'EVENT';
         item.append(`${timeText(e.timeMs)} `, kind, ` ${e.text}`);
         return item;
     }));
@@ -256,7 +269,7 @@ function render() {
     if (page.selected) showDetails(page.selected, false);
 }
 
-// ---- The element tree -----------------------------------------------------------------------
+// ---- The element tree: what is open, loaded as it is opened -----------------------------------
 
 function stateWords(element) {
     const words = [];
@@ -267,69 +280,107 @@ function stateWords(element) {
 }
 
 function kindOf(element) {
-    const kinds = [...element.states].map(([group, value]) => conditionOf(group, value));
-    return KINDS.find((kind) => kinds.includes(kind)) ?? '';
+    const kinds = [...element.states.keys()].map((group) => page.kindOf.get(`${element.uuid}:${group}`));
+    return LISTED.find((kind) => kinds.includes(kind)) ?? '';
 }
 
-function buildTree(root) {
+function buildTree() {
     page.treeItems = new Map();
     const list = $('tree');
-    list.replaceChildren();
-    const add = (uuid, into, depth) => {
-        const element = page.elements.get(uuid);
-        const item = document.createElement('li');
-        item.dataset.uuid = uuid;
-        const toggle = document.createElement('button');
-        toggle.type = 'button';
-        toggle.className = 'toggle';
-        if (element.children.length) {
-            toggle.setAttribute('aria-expanded', 'true');
-            toggle.setAttribute('aria-label', `Show or hide the elements below ${element.idString}`);
-            toggle.textContent = '▾';
-            toggle.addEventListener('click', () => {
-                const open = toggle.getAttribute('aria-expanded') !== 'true';
-                toggle.setAttribute('aria-expanded', String(open));
-                toggle.textContent = open ? '▾' : '▸';
-                children.hidden = !open;
-            });
-        } else {
-            toggle.tabIndex = -1;
-            toggle.setAttribute('aria-hidden', 'true');
-        }
-        const button = document.createElement('button');
-        button.type = 'button';
-        button.className = 'element';
-        button.addEventListener('click', () => showDetails(uuid, true));
-        item.append(toggle, button);
-        const children = document.createElement('ul');
-        item.append(children);
-        into.append(item);
-        page.treeItems.set(uuid, button);
-        updateTreeItem(uuid);
-        element.children.forEach((child) => add(child, children, depth + 1));
-    };
-    add(root, list, 0);
+    list.replaceChildren(treeItem(page.root));
+    openItem(list.firstElementChild, true);
     filterTree();
+}
+
+// One element's line; its children are added when it is opened.
+function treeItem(uuid) {
+    const element = page.elements.get(uuid);
+    const item = document.createElement('li');
+    item.dataset.uuid = uuid;
+    const toggle = document.createElement('button');
+    toggle.type = 'button';
+    toggle.className = 'toggle';
+    toggle.tabIndex = -1;
+    toggle.setAttribute('aria-hidden', 'true');
+    // The type library says whether the element's type can have elements below it.
+    typeInfo(element.typeId).then((type) => {
+        if (!type.relations.some((r) => r.relationKind === 0)) return;
+        toggle.removeAttribute('aria-hidden');
+        toggle.removeAttribute('tabindex');
+        toggle.setAttribute('aria-expanded', String(Boolean(item.querySelector(':scope > ul:not([hidden])'))));
+        toggle.setAttribute('aria-label', `Show or hide the elements below ${element.idString}`);
+        toggle.textContent = toggle.getAttribute('aria-expanded') === 'true' ? '▾' : '▸';
+    }).catch(() => {});
+    toggle.addEventListener('click', () => openItem(item, toggle.getAttribute('aria-expanded') !== 'true').catch((e) => say(e.message, true)));
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.className = 'element';
+    button.addEventListener('click', () => showDetails(uuid, true));
+    item.append(toggle, button);
+    page.treeItems.set(uuid, button);
+    updateTreeItem(uuid);
+    return item;
+}
+
+// Shows (loading them first) or hides the elements below the item's element.
+async function openItem(item, open) {
+    const uuid = Number(item.dataset.uuid);
+    const toggle = item.firstElementChild;
+    let children = item.querySelector(':scope > ul');
+    if (open && !children) {
+        const element = page.elements.get(uuid).children ? page.elements.get(uuid) : await loadChildren(uuid);
+        if (item.querySelector(':scope > ul')) return; // opened meanwhile
+        children = document.createElement('ul');
+        children.append(...element.children.map(treeItem));
+        item.append(children);
+    }
+    if (children) children.hidden = !open;
+    if (toggle.hasAttribute('aria-expanded')) {
+        toggle.setAttribute('aria-expanded', String(open));
+        toggle.textContent = open ? '▾' : '▸';
+    }
+    if (open) filterTree();
+}
+
+// Opens the tree down to the element and shows its details.
+async function reveal(uuid) {
+    const path = [uuid];
+    while (!page.treeItems.has(path[0])) {
+        const parent = num(await page.client.getParent(path[0]));
+        if (!parent) return;
+        path.unshift(parent);
+    }
+    for (const above of path.slice(0, -1)) {
+        await openItem(page.treeItems.get(above).parentElement, true);
+    }
+    const button = page.treeItems.get(uuid);
+    button?.scrollIntoView({ block: 'nearest' });
+    button?.focus();
+    showDetails(uuid, true);
 }
 
 function updateTreeItem(uuid) {
     const button = page.treeItems.get(uuid);
     const element = page.elements.get(uuid);
     if (!button || !element) return;
-    button.textContent = `${element.idString} ${element.label} (${nameOf('types', element.typeId)}): ${stateWords(element)}`;
-    button.className = `element ${kindOf(element)}`;
+    const text = `${element.idString} ${element.label} (${nameOf('types', element.typeId)}): ${stateWords(element)}`;
+    const className = `element ${kindOf(element)}`;
+    if (button.textContent !== text) button.textContent = text;
+    if (button.className !== className) button.className = className;
 }
 
-// Shows the elements whose ID string or label holds the search text, with the elements above them.
+// Shows the loaded elements whose ID string or label holds the search text, with the elements
+// above them.
 function filterTree() {
     const wanted = $('search').value.trim().toLowerCase();
     const visit = (item) => {
         const element = page.elements.get(Number(item.dataset.uuid));
         const own = !wanted || `${element.idString} ${element.label}`.toLowerCase().includes(wanted);
         let below = false;
-        for (const child of item.lastElementChild.children) below = visit(child) || below;
+        const children = item.querySelector(':scope > ul');
+        for (const child of children?.children ?? []) below = visit(child) || below;
         item.hidden = !own && !below;
-        if (wanted && below) item.lastElementChild.hidden = false;
+        if (wanted && below) children.hidden = false;
         return own || below;
     };
     [...$('tree').children].forEach(visit);
@@ -370,6 +421,15 @@ function valueText(value) {
     return value.bytes ? value.bytes.toString('utf8').replace(/\0+$/, '') : '';
 }
 
+// An element's ID string and label, read when the tree has not loaded it.
+async function elementName(uuid) {
+    const known = page.elements.get(uuid);
+    if (known) return `${known.idString} ${known.label}`;
+    const [idString, [label]] = await Promise.all([page.client.getIdString(uuid),
+        page.client.readProperties([new rpc.PropertyRef({ uuid, propertyId: LABEL })])]);
+    return `${idString} ${textOf(label)}`;
+}
+
 async function showDetails(uuid, fresh) {
     page.selected = uuid;
     const element = page.elements.get(uuid);
@@ -384,11 +444,13 @@ async function showDetails(uuid, fresh) {
     const body = $('details-body');
     body.replaceChildren('Reading…');
     const client = page.client;
-    const type = await client.getTypeInfo(element.typeId);
+    const type = await typeInfo(element.typeId);
     const [properties, relations] = await Promise.all([
         client.readProperties(type.properties.map((p) => new rpc.PropertyRef({ uuid, propertyId: p.propertyId }))),
         Promise.all([ZONE_RELATION, EVACUATION_RELATION].map((relation) =>
-            client.getRelations(uuid, relation, true).then((to) => to.map((t) => [relation, num(t)])).catch(() => []))),
+            client.getRelations(uuid, relation, true)
+                .then((to) => Promise.all(to.map(async (t) => [relation, await elementName(num(t))])))
+                .catch(() => []))),
     ]);
     if (page.selected !== uuid) return;
     const list = document.createElement('dl');
@@ -403,10 +465,7 @@ async function showDetails(uuid, fresh) {
     add('Uuid', String(uuid));
     add('Above', page.elements.get(element.parent)?.idString ?? 'none');
     for (const result of properties) add(nameOf('properties', result.propertyId), result.error ? result.error.message : valueText(result.value));
-    for (const [relation, to] of relations.flat()) {
-        const target = page.elements.get(to);
-        add(relation === ZONE_RELATION ? 'Zone' : 'Evacuation zone', target ? `${target.idString} ${target.label}` : String(to));
-    }
+    for (const [relation, name] of relations.flat()) add(relation === ZONE_RELATION ? 'Zone' : 'Evacuation zone', name);
     const states = document.createElement('dl');
     states.id = 'details-states';
     const disable = document.createElement('button');
@@ -432,7 +491,7 @@ function showDetailStates(element) {
         dt.textContent = nameOf('stateGroups', group);
         const dd = document.createElement('dd');
         dd.textContent = nameOf('stateValues', value);
-        dd.className = conditionOf(group, value) ?? '';
+        dd.className = page.kindOf.get(`${element.uuid}:${group}`) ?? '';
         states.append(dt, dd);
     }
     const disable = $('disable-button');
@@ -492,21 +551,18 @@ async function operate(done, changes) {
     }
 }
 
-const isSounder = (element) => /Sounder|Beacon/.test(nameOf('types', element.typeId));
+const isSounder = (c) => /Sounder|Beacon/.test(nameOf('types', c.typeId));
+const outputs = () => page.conditions.filter((c) => c.kind === 'output' && c.group === OUTPUT_STATE);
 
 function silence() {
-    const sounding = [...page.elements.values()].filter((e) => isSounder(e) && e.states.get(OUTPUT_STATE) === ACTIVATED);
-    operate('Sounders silenced', sounding.map((e) => [e.uuid, OUTPUT_STATE, SILENCED]));
+    const sounding = outputs().filter((c) => isSounder(c) && c.value === ACTIVATED);
+    operate('Sounders silenced', sounding.map((c) => [c.uuid, OUTPUT_STATE, SILENCED]));
 }
 
 // Fire alarms back to normal and every activated or silenced output with them.
 function reset() {
-    const changes = [];
-    for (const e of page.elements.values()) {
-        for (const group of [FIRE_ALARM_STATE, OUTPUT_STATE]) {
-            if (e.states.has(group) && e.states.get(group) !== NORMAL) changes.push([e.uuid, group, NORMAL]);
-        }
-    }
+    const changes = page.conditions.filter((c) => (c.kind === 'fire' && c.group === FIRE_ALARM_STATE) || c.kind === 'output')
+        .map((c) => [c.uuid, c.group, NORMAL]);
     operate('Reset', changes);
 }
 
