@@ -90,10 +90,13 @@ def main():
     status, text = egwd.stop()
     with sqlite3.connect(database) as db:
         if mode == "writers":
+            # An egwd before gap rows had no column for them.
+            lost = "lost" if any(c[1] == "lost" for c in db.execute("PRAGMA table_info(events)")) \
+                else "0"
             stored, gaps, lost = db.execute(
-                "SELECT count(*) FILTER (WHERE lost = 0 AND changeGroup = ?), "
-                "count(*) FILTER (WHERE lost > 0), coalesce(sum(lost), 0) FROM events",
-                (GROUP,)).fetchone()
+                "SELECT count(*) FILTER (WHERE %s = 0 AND changeGroup = ?), "
+                "count(*) FILTER (WHERE %s > 0), coalesce(sum(%s), 0) FROM events"
+                % (lost, lost, lost), (GROUP,)).fetchone()
             rows = db.execute("SELECT count(*) FROM audit WHERE operation = 'setState' "
                               "AND result = 'ok'").fetchone()[0]
             print("%d state changes in %.0f s: %d events stored, %d gap rows counting %d, "

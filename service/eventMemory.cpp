@@ -16,6 +16,7 @@ constexpr std::int64_t kPruneStep = 100;
 // Events per transaction at most: one commit carries many events, and an audit row waiting for its
 // turn (see WriteTurn) waits behind one such batch at most.
 constexpr std::size_t kBatch = 500;
+constexpr auto kGather = std::chrono::milliseconds(20);
 // A batch that could not be stored is tried again after this wait, doubled up to the longest.
 constexpr auto kFirstRetry = std::chrono::milliseconds(20);
 constexpr auto kLongestRetry = std::chrono::milliseconds(1000);
@@ -229,6 +230,9 @@ void EventMemory::writer()
         {
             return; // stopping, and everything is stored
         }
+        // A moment for more to come: fewer, larger transactions leave the file to the audit
+        // trail's rows for longer (the sessions have the events already).
+        queued_.wait_for(lock, kGather, [&] { return stopping_ || queue_.size() >= kBatch; });
         batch.clear();
         takeBatchLocked(batch);
         writing_ = true;
