@@ -1,5 +1,6 @@
 #include "service/auditTrail.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 
@@ -34,7 +35,7 @@ constexpr std::int64_t kPruneStep = 1000;
 std::vector<AuditRow> queryAudit(Database& db, const AuditSelection& s)
 {
     Statement select(db, "SELECT id, timeMs, sessionId, peer, level, operation, uuid, idString, "
-                         "before, after, result FROM audit "
+                         "before, after, result, refusal FROM audit "
                          "WHERE (?1 = 0 OR timeMs >= ?1) AND (?2 = 0 OR timeMs <= ?2) "
                          "AND (?3 = 0 OR uuid = ?3) AND (?4 = '' OR operation = ?4) "
                          "AND (?5 = 0 OR id < ?5) ORDER BY id DESC LIMIT ?6");
@@ -59,6 +60,7 @@ std::vector<AuditRow> queryAudit(Database& db, const AuditSelection& s)
         row.record.before = select.optionalText(8);
         row.record.after = select.optionalText(9);
         row.record.result = select.text(10);
+        row.record.refusal = select.integer(11) != 0;
         rows.push_back(std::move(row));
     }
     return rows;
@@ -75,7 +77,14 @@ Database& SqliteAuditTrail::connectionLocked()
 {
     if (!db_)
     {
-        db_ = std::make_unique<Database>(file_);
+        auto db = std::make_unique<Database>(file_);
+        Statement count(*db, "SELECT refusal != 0, count(*) FROM audit GROUP BY refusal != 0");
+        rows_[0] = rows_[1] = 0;
+        while (count.step())
+        {
+            rows_[count.integer(0) != 0 ? 1 : 0] = count.integer(1);
+        }
+        db_ = std::move(db);
     }
     return *db_;
 }
@@ -86,8 +95,8 @@ std::int64_t SqliteAuditTrail::insertLocked(const AuditRecord& row)
     {
         Database& db = connectionLocked();
         Statement insert(db, "INSERT INTO audit(timeMs, sessionId, peer, level, operation, uuid, "
-                             "idString, before, after, result) "
-                             "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)");
+                             "idString, before, after, result, refusal) "
+                             "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
         insert.bind(1, nowMs())
             .bind(2, row.sessionId)
             .bind(3, row.peer)
@@ -97,10 +106,12 @@ std::int64_t SqliteAuditTrail::insertLocked(const AuditRecord& row)
             .bind(7, row.idString)
             .bind(8, row.before)
             .bind(9, row.after)
-            .bind(10, row.result);
+            .bind(10, row.result)
+            .bind(11, std::int64_t{row.refusal ? 1 : 0});
         // One statement in autocommit mode: committed (and synced) when run() returns.
         insert.run();
         const std::int64_t id = db.lastInsertId();
+        ++rows_[row.refusal ? 1 : 0];
         if (failing_)
         {
             std::cerr << "egwd: the audit trail records again" << std::endl;
@@ -125,6 +136,7 @@ std::int64_t SqliteAuditTrail::insertLocked(const AuditRecord& row)
 void SqliteAuditTrail::record(const AuditRecord& row)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteTurn turn(WriteTurn::Kind::Record);
     insertLocked(row);
 }
 
@@ -133,6 +145,7 @@ std::int64_t SqliteAuditTrail::begin(const AuditRecord& row)
     AuditRecord pending = row;
     pending.result = "pending";
     const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteTurn turn(WriteTurn::Kind::Record);
     return insertLocked(pending);
 }
 
@@ -140,6 +153,7 @@ void SqliteAuditTrail::finish(std::int64_t id, const std::string& result,
                               const std::optional<std::string>& after)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteTurn turn(WriteTurn::Kind::Record);
     try
     {
         Statement update(connectionLocked(),
@@ -170,6 +184,7 @@ std::vector<AuditRow> SqliteAuditTrail::query(const AuditSelection& selection)
 std::int64_t SqliteAuditTrail::prune(std::int64_t step)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteTurn turn(WriteTurn::Kind::Record);
     return pruneLocked(step);
 }
 
@@ -185,25 +200,46 @@ void SqliteAuditTrail::pruneQuietlyLocked()
     }
 }
 
+std::int64_t SqliteAuditTrail::removeLocked(Database& db, bool refusals, std::int64_t cutMs,
+                                             std::int64_t count)
+{
+    if (count <= 0)
+    {
+        return 0;
+    }
+    // The oldest rows of the kind (older than cutMs when it is given); never the newest row.
+    Statement remove(db, "DELETE FROM audit WHERE id IN (SELECT id FROM audit "
+                         "WHERE refusal = ?1 AND (?2 = 0 OR timeMs < ?2) "
+                         "AND id < (SELECT max(id) FROM audit) ORDER BY id LIMIT ?3)");
+    remove.bind(1, std::int64_t{refusals ? 1 : 0}).bind(2, cutMs).bind(3, count).run();
+    return db.changes();
+}
+
 std::int64_t SqliteAuditTrail::pruneLocked(std::int64_t step)
 {
     try
     {
         Database& db = connectionLocked();
         Transaction transaction(db);
-        // Rows are only ever removed from the oldest end, so the ids of the rows kept are
-        // consecutive and the newest `rows` are those above max(id) - rows.
-        Statement byCount(db, "DELETE FROM audit WHERE id IN (SELECT id FROM audit "
-                              "WHERE id <= (SELECT max(id) FROM audit) - ?1 ORDER BY id LIMIT ?2)");
-        byCount.bind(1, retention_.rows).bind(2, step).run();
-        std::int64_t removed = db.changes();
-        Statement byAge(db, "DELETE FROM audit WHERE id IN (SELECT id FROM audit "
-                            "WHERE timeMs < ?1 AND id < (SELECT max(id) FROM audit) "
-                            "ORDER BY timeMs LIMIT ?2)");
-        byAge.bind(1, nowMs() - retention_.days * kDayMs).bind(2, step - removed).run();
-        removed += db.changes();
+        std::int64_t kept[2] = {rows_[0], rows_[1]};
+        // Beyond the rows kept: refusals first, changes and logins only beyond the bound alone.
+        std::int64_t removed[2] = {0, 0};
+        removed[1] = removeLocked(db, true, 0,
+                                  std::min(step, std::min(kept[1], kept[0] + kept[1] -
+                                                                       retention_.rows)));
+        removed[0] = removeLocked(db, false, 0, std::min(step - removed[1],
+                                                         kept[0] - retention_.rows));
+        // Then every row older than the days kept.
+        const std::int64_t cutMs = nowMs() - retention_.days * kDayMs;
+        for (const bool refusals : {true, false})
+        {
+            const int kind = refusals ? 1 : 0;
+            removed[kind] += removeLocked(db, refusals, cutMs, step - removed[0] - removed[1]);
+        }
         transaction.commit();
-        return removed;
+        rows_[0] -= removed[0];
+        rows_[1] -= removed[1];
+        return removed[0] + removed[1];
     }
     catch (const DatabaseError& e)
     {

@@ -1,7 +1,8 @@
 // The audit trail: one row in the service's SQLite database for every action that changes the
-// panel, every login, failed or refused login, logout and session expiry, and every request
-// refused for its access level. A change is made only after its row is committed, so there is no
-// change without its row.
+// panel, every login, logout and session expiry, and the refusals: requests refused for their
+// access level and failed or refused logins (those of level-1 sessions counted together, see
+// refusalLog.h). A change is made only after its row is committed, so there is no change without
+// its row.
 #ifndef SERVICE_AUDIT_TRAIL_H
 #define SERVICE_AUDIT_TRAIL_H
 
@@ -29,6 +30,9 @@ struct AuditRecord
     std::optional<std::string> before;
     std::optional<std::string> after;
     std::string result = "ok";
+    // A refusal (for the access level, a failed or refused login): such rows are removed to keep
+    // within the retention before any row of a change or a login.
+    bool refusal = false;
 };
 
 // The row could not be committed (full disk, read-only database, I/O error): the action it was
@@ -80,7 +84,9 @@ public:
     virtual std::vector<AuditRow> query(const AuditSelection& selection) = 0;
 };
 
-// How many rows the trail keeps: the newest `rows`, none older than `days`.
+// How many rows the trail keeps: `rows` in all, none older than `days`. Beyond `rows`, the oldest
+// refusal rows go first; a row of a change or a login goes only when those rows alone are more
+// than `rows`.
 struct AuditRetention
 {
     std::int64_t rows = 1000000;
@@ -104,13 +110,14 @@ public:
                 const std::optional<std::string>& after) override;
     std::vector<AuditRow> query(const AuditSelection& selection) override;
 
-    // Removes rows beyond the retention, oldest first, at most `step` of them; returns how many.
-    // Done after every write; the newest row is never removed.
+    // Removes rows beyond the retention (see AuditRetention), oldest first, at most `step` of
+    // them; returns how many. Done after every write; the newest row is never removed.
     std::int64_t prune(std::int64_t step);
 
 private:
     std::int64_t insertLocked(const AuditRecord& row);
     std::int64_t pruneLocked(std::int64_t step);
+    std::int64_t removeLocked(Database& db, bool refusals, std::int64_t cutMs, std::int64_t count);
     void pruneQuietlyLocked();
     Database& connectionLocked();
 
@@ -119,6 +126,9 @@ private:
     std::mutex mutex_;
     std::unique_ptr<Database> db_;
     bool failing_ = false; // said once on stderr, until a row is written again
+    // Rows in the table, counted when the connection is opened: [0] changes and logins, [1]
+    // refusals.
+    std::int64_t rows_[2] = {0, 0};
 };
 
 } // namespace egwservice

@@ -1,6 +1,8 @@
 #include "service/database.h"
 
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
 #include <sqlite3.h>
 
@@ -13,14 +15,16 @@ namespace
 // memory write the same file from their own connections, the panel tool may read it).
 constexpr int kBusyTimeoutMs = 5000;
 
-// The tables. The audit trail: one row per recorded action. The event memory: one row per event
-// the service received, with the chain of the element's ancestors taken when it was stored
-// (",uuid,parent,...,root,"), so that a sub-tree still finds the events of a deleted element.
+// The tables. The audit trail: one row per recorded action; `refusal` marks the rows of refusals,
+// which retention removes before the rows of changes and logins. The event memory: one row per
+// event the service received, with the chain of the element's ancestors taken when it was stored
+// (",uuid,parent,...,root,"), so that a sub-tree still finds the events of a deleted element; a
+// row with `lost` > 0 is a gap, standing for that many events that were never stored.
 constexpr const char* kSchema = R"(
 CREATE TABLE IF NOT EXISTS audit(
     id INTEGER PRIMARY KEY, timeMs INTEGER NOT NULL, sessionId INTEGER NOT NULL, peer TEXT NOT NULL,
     level INTEGER NOT NULL, operation TEXT NOT NULL, uuid INTEGER NOT NULL, idString TEXT NOT NULL,
-    before TEXT, after TEXT, result TEXT NOT NULL);
+    before TEXT, after TEXT, result TEXT NOT NULL, refusal INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS auditByTime ON audit(timeMs);
 CREATE INDEX IF NOT EXISTS auditByElement ON audit(uuid, id);
 CREATE TABLE IF NOT EXISTS events(
@@ -29,9 +33,32 @@ CREATE TABLE IF NOT EXISTS events(
     changeUuid INTEGER, changeGroup INTEGER, changeValue INTEGER, changePrevious INTEGER,
     category INTEGER, selfId INTEGER, selfAddress INTEGER, parentId INTEGER, parentAddress INTEGER,
     deviceId INTEGER, hasProxy INTEGER, proxyId INTEGER, proxyAddress INTEGER,
-    ancestors TEXT NOT NULL);
+    ancestors TEXT NOT NULL, lost INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS eventsByTime ON events(timeMs);
 )";
+
+// Columns that a database written by an earlier egwd lacks; its rows take the default.
+constexpr const char* kAddedColumns[][3] = {
+    {"audit", "refusal", "INTEGER NOT NULL DEFAULT 0"},
+    {"events", "lost", "INTEGER NOT NULL DEFAULT 0"},
+};
+// Made once the added columns exist.
+constexpr const char* kLaterIndexes = "CREATE INDEX IF NOT EXISTS auditByKind ON audit(refusal, id);";
+
+// Whose turn it is to write (see WriteTurn): one database per process, so one set of turns.
+struct Turns
+{
+    std::mutex mutex;
+    std::condition_variable free;
+    int recordsWaiting = 0;
+    bool held = false;
+};
+
+Turns& turns()
+{
+    static Turns instance;
+    return instance;
+}
 
 // The file as an SQLite URI: '%', '?' and '#' escaped.
 std::string uriOf(const std::string& file)
@@ -100,6 +127,8 @@ Database::Database(const std::string& file, Access access) : file_(file)
             execute("PRAGMA journal_mode=WAL");
             execute("PRAGMA synchronous=FULL");
             execute(kSchema);
+            addMissingColumns();
+            execute(kLaterIndexes);
         }
     }
     catch (...)
@@ -107,6 +136,21 @@ Database::Database(const std::string& file, Access access) : file_(file)
         sqlite3_close(db_);
         db_ = nullptr;
         throw;
+    }
+}
+
+void Database::addMissingColumns()
+{
+    for (const auto& added : kAddedColumns)
+    {
+        Statement columns(*this, "SELECT count(*) FROM pragma_table_info(?1) WHERE name = ?2");
+        columns.bind(1, std::string(added[0])).bind(2, std::string(added[1]));
+        if (columns.step() && columns.integer(0) == 0)
+        {
+            execute(("ALTER TABLE " + std::string(added[0]) + " ADD COLUMN " + added[1] + " " +
+                     added[2])
+                        .c_str());
+        }
     }
 }
 
@@ -257,6 +301,35 @@ std::optional<std::string> Statement::optionalText(int column) const
         return std::nullopt;
     }
     return text(column);
+}
+
+// ---- WriteTurn ----------------------------------------------------------------------------------
+
+WriteTurn::WriteTurn(Kind kind)
+{
+    Turns& t = turns();
+    std::unique_lock<std::mutex> lock(t.mutex);
+    if (kind == Kind::Record)
+    {
+        ++t.recordsWaiting;
+        t.free.wait(lock, [&] { return !t.held; });
+        --t.recordsWaiting;
+    }
+    else
+    {
+        t.free.wait(lock, [&] { return !t.held && t.recordsWaiting == 0; });
+    }
+    t.held = true;
+}
+
+WriteTurn::~WriteTurn()
+{
+    Turns& t = turns();
+    {
+        const std::lock_guard<std::mutex> lock(t.mutex);
+        t.held = false;
+    }
+    t.free.notify_all();
 }
 
 // ---- Transaction --------------------------------------------------------------------------------

@@ -64,6 +64,7 @@ public:
 
 private:
     void open(const std::string& name, int flags);
+    void addMissingColumns();
 
     std::string file_;
     sqlite3* db_ = nullptr;
@@ -95,6 +96,24 @@ public:
 private:
     Database& db_;
     sqlite3_stmt* statement_ = nullptr;
+};
+
+// The writers of this process take turns at the database before SQLite's own lock: a record (an
+// audit row, which a change waits for) goes before a batch of events, so that a change never waits
+// behind more than the one batch being written, however far behind the event memory is. Held for
+// one write transaction.
+class WriteTurn
+{
+public:
+    enum class Kind
+    {
+        Record,
+        Batch
+    };
+    explicit WriteTurn(Kind kind);
+    ~WriteTurn();
+    WriteTurn(const WriteTurn&) = delete;
+    WriteTurn& operator=(const WriteTurn&) = delete;
 };
 
 // BEGIN IMMEDIATE (the write lock is taken at once, so a busy database shows here and not at the

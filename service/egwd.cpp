@@ -150,6 +150,16 @@ int main(int argc, char** argv)
     app.add_option("--event-rows", service.eventRows, "events kept in the event memory")
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{100000000}));
+    app.add_option("--event-queue", service.eventQueue,
+                   "events waiting to be stored in the event memory (beyond: a gap row)")
+        ->capture_default_str()
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}));
+    long refusalPeriod = service.refusals.period.count();
+    app.add_option("--refusal-period", refusalPeriod,
+                   "seconds between two audit rows of one address's refusals of one operation "
+                   "at level 1")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
     // Sessions: failed logins per peer address, lapsed logins, sessions open at once.
     long firstBlock = service.logins.firstBlock.count();
     long longestBlock = service.logins.longestBlock.count();
@@ -218,6 +228,7 @@ int main(int argc, char** argv)
     service.logins.firstBlock = std::chrono::seconds(firstBlock);
     service.logins.longestBlock = std::chrono::seconds(std::max(firstBlock, longestBlock));
     service.sessionIdle = std::chrono::seconds(sessionIdle);
+    service.refusals.period = std::chrono::seconds(refusalPeriod);
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 

@@ -568,6 +568,11 @@ void EventHub::pump()
             const std::size_t dropped = source_.dropped(module_);
             if (dropped > droppedSeen_)
             {
+                // The event memory keeps a gap row in their place.
+                if (memory_ != nullptr)
+                {
+                    memory_->lost(static_cast<std::int64_t>(dropped - droppedSeen_));
+                }
                 // Which sessions the lost events were for cannot be known: all that follow any
                 // event are told.
                 const std::lock_guard<std::mutex> lock(mutex_);

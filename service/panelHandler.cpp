@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <string_view>
 #include <type_traits>
 
 #include "panelService_constants.h"
@@ -324,7 +325,8 @@ ServiceCore::ServiceCore(ServiceSettings settings, EventSource& source,
       audit_(audit ? std::move(audit)
                    : std::make_unique<SqliteAuditTrail>(settings_.database,
                                                         settings_.auditRetention)),
-      memory_(settings_.database, settings_.eventRows),
+      refusals_(*audit_, settings_.refusals, settings_.clock),
+      memory_(settings_.database, {settings_.eventRows, settings_.eventQueue}),
       conditions_(settings_.conditions),
       events_(source, 4, settings_.queueLimit, settings_.filterLimit, &memory_,
               settings_.followPanel ? &conditions_ : nullptr),
@@ -469,22 +471,15 @@ void PanelHandler::requireLevel(int level, const std::string& what, std::uint32_
 {
     if (level == 0 || level_ < level)
     {
-        // One row per refused request (a batched read may refuse many of its pairs). The
-        // refusal is given whether or not its row could be written.
+        // One row per refused request (a batched read may refuse many of its pairs); a level-1
+        // session's refusals are counted together (refusalLog.h). The refusal is given whether
+        // or not its row could be written.
         if (!refusalRecorded_)
         {
             refusalRecorded_ = true;
             AuditRecord row = auditRow(operation_, uuid != 0 ? uuid : requestUuid_);
             row.result = "denied: level " + std::to_string(level) + " needed";
-            try
-            {
-                core_.audit().record(row);
-            }
-            catch (const AuditUnavailable& e)
-            {
-                std::cerr << "egwd: the refusal of " << operation_ << " to session " << id_
-                          << " was not recorded: " << e.what() << std::endl;
-            }
+            core_.refusals().record(std::move(row));
         }
         rpc::PanelError error;
         error.code = ErrorCode::ACCESS_DENIED;
@@ -570,6 +565,12 @@ void PanelHandler::recordSession(const char* operation, const std::optional<std:
     row.before = std::to_string(level_);
     row.after = after;
     row.result = result;
+    // A failed or refused login is a refusal: at level 1 counted with its like (refusalLog.h).
+    if (std::string_view(operation) == "loginFailed" || std::string_view(operation) == "loginBlocked")
+    {
+        core_.refusals().record(std::move(row));
+        return;
+    }
     try
     {
         core_.audit().record(row);

@@ -18,6 +18,7 @@
 #include "service/eventHub.h"
 #include "service/eventMemory.h"
 #include "service/loginGuard.h"
+#include "service/refusalLog.h"
 #include "service/requestChecks.h"
 #include "service/treePages.h"
 
@@ -38,7 +39,9 @@ struct ServiceSettings
     // The service's database (audit trail and event memory) and how much of it is kept.
     std::string database = ":memory:";
     AuditRetention auditRetention;
+    RefusalLimits refusals;
     std::int64_t eventRows = 100000;
+    std::size_t eventQueue = 10000; // events waiting to be stored; beyond, a gap row
     // The service itself follows every state change and command of the panel, so that the event
     // memory holds the panel's history whether or not a session is watching.
     bool followPanel = false;
@@ -66,6 +69,7 @@ public:
     const ServiceSettings& settings() const { return settings_; }
     EventHub& events() { return events_; }
     AuditTrail& audit() { return *audit_; }
+    RefusalLog& refusals() { return refusals_; }
     EventMemory& eventMemory() { return memory_; }
     // The panel's present conditions; kept only while the service follows the panel.
     PanelConditions& conditions() { return conditions_; }
@@ -77,6 +81,7 @@ public:
 private:
     ServiceSettings settings_;
     std::unique_ptr<AuditTrail> audit_;
+    RefusalLog refusals_; // after the trail, which it writes to until its end
     EventMemory memory_; // before the events, whose pump stores into it
     PanelConditions conditions_; // likewise
     EventHub events_;

@@ -274,7 +274,8 @@ struct Subscription {
 }
 
 // One event of the session, in sequence. A gap marker (lost > 0) stands where events were lost
-// because the session's queue was full; it takes a sequence number of its own.
+// because the session's queue was full; it takes a sequence number of its own. In queryEvents, a
+// gap row (lost > 0, eventId 0) stands for events the event memory never stored.
 struct Event {
   1: i64 sequence,
   2: i64 lost,

@@ -123,6 +123,12 @@ Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery&
     std::int64_t lastId = 0;
     for (const StoredEvent& event : source.history(query))
     {
+        lastId = event.id;
+        if (event.lost > 0)
+        {
+            rows.push_back({{"id", event.id}, {"time", timeText(event.timeMs)}, {"lost", event.lost}});
+            continue;
+        }
         Json row = {{"id", event.id},
                     {"time", timeText(event.timeMs)},
                     {"event", hexText(event.eventId, 8)},
@@ -141,7 +147,6 @@ Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery&
             row["source"] = event.source;
         }
         rows.push_back(std::move(row));
-        lastId = event.id;
     }
     return page(std::move(rows), query, lastId);
 }
@@ -175,6 +180,13 @@ void printHistory(const Json& answer, std::ostream& out)
 {
     for (const Json& row : answer["rows"])
     {
+        if (row.contains("lost"))
+        {
+            out << '#' << row["id"].get<std::int64_t>() << "  " << row["time"].get<std::string>()
+                << "  gap: " << row["lost"].get<std::int64_t>()
+                << " events lost before they could be stored\n";
+            continue;
+        }
         out << '#' << row["id"].get<std::int64_t>() << "  " << row["time"].get<std::string>()
             << "  event " << row["event"].get<std::string>() << "  element #"
             << row["uuid"].get<UINT32>();

@@ -83,6 +83,7 @@ struct StoredEvent
     UINT32 previous = 0;
     int category = -1; // -1: no detail record
     UINT32 source = 0;
+    std::int64_t lost = 0; // > 0: a gap row, standing for that many events never stored
 };
 
 class RecordSource

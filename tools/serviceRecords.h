@@ -29,6 +29,7 @@ inline StoredEvent storedEventOf(const ::egw::rpc::Event& event)
         stored.category = event.detail.category;
     }
     stored.source = static_cast<UINT32>(event.source);
+    stored.lost = event.lost;
     return stored;
 }
 

@@ -1,15 +1,19 @@
 // The service's records: every change has its committed audit row before the client has its
-// reply, and no row means no change; refusals for the access level are rows too; the trail and
-// the event memory keep their newest rows; stored events are found by time, category and sub-tree,
-// also after their element is gone.
+// reply, and no row means no change; refusals for the access level are rows too, a level-1
+// session's counted together; the trail keeps the rows of changes over those of refusals; the event
+// memory stores every event of many writers, and a gap row where events were lost; stored events
+// are found by time, category and sub-tree, also after their element is gone.
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
 
 #include "service/database.h"
+#include "service/hostPanel.h"
 #include "tests/service/serviceFixture.h"
 
 namespace servicetest
@@ -300,37 +304,109 @@ TEST_F(Records, RefusalsForTheLevelAreRows)
     EXPECT_EQ(older[0].result, "denied: level 2 needed");
 }
 
-TEST(AuditRetention, KeepsTheNewestRows)
+// Beyond the rows kept, refusal rows go first; a change's row goes only when the changes alone are
+// more than the bound, or older than the days kept.
+TEST(AuditRetention, KeepsChangesOverRefusals)
 {
     TempDirectory dir;
     const std::string file = dir.path + "/audit.db";
-    {
-        egwservice::SqliteAuditTrail trail(file, {5, 400});
+    const auto write = [](egwservice::SqliteAuditTrail& trail, const char* operation, int count,
+                          bool refusal) {
         AuditRecord row;
-        for (int i = 1; i <= 12; ++i)
+        row.refusal = refusal;
+        for (int i = 1; i <= count; ++i)
         {
-            row.operation = "op" + std::to_string(i);
+            row.operation = operation + std::to_string(i);
             trail.record(row);
         }
+    };
+    const auto operations = [&] {
+        std::vector<std::string> names;
+        for (const AuditRow& row : storedRows(file))
+        {
+            names.push_back(row.record.operation);
+        }
+        return names;
+    };
+    {
+        egwservice::SqliteAuditTrail trail(file, {5, 400});
+        write(trail, "change", 2, false);
+        write(trail, "refused", 12, true);
+        EXPECT_EQ(operations(),
+                  (std::vector<std::string>{"refused12", "refused11", "refused10", "change2",
+                                            "change1"}));
+        write(trail, "later", 4, false);
+        EXPECT_EQ(operations(), (std::vector<std::string>{"later4", "later3", "later2", "later1",
+                                                          "change2"}));
     }
-    std::vector<AuditRow> rows = storedRows(file);
-    ASSERT_EQ(rows.size(), 5u);
-    EXPECT_EQ(rows.front().record.operation, "op12");
-    EXPECT_EQ(rows.back().record.operation, "op8");
-
-    // Rows older than the days kept go at the next write; the new row stays.
+    // Rows older than the days kept go at the next write, whatever their kind; the new row stays.
     {
         Database db(file);
-        db.execute("UPDATE audit SET timeMs = 1000 WHERE operation IN ('op8', 'op9')");
+        db.execute("UPDATE audit SET timeMs = 1000 WHERE operation IN ('change2', 'later1')");
     }
     egwservice::SqliteAuditTrail trail(file, {5, 1});
-    AuditRecord row;
-    row.operation = "op13";
-    trail.record(row);
-    rows = storedRows(file);
-    ASSERT_EQ(rows.size(), 4u);
-    EXPECT_EQ(rows.front().record.operation, "op13");
-    EXPECT_EQ(rows.back().record.operation, "op10");
+    write(trail, "refused", 1, true);
+    EXPECT_EQ(operations(),
+              (std::vector<std::string>{"refused1", "later4", "later3", "later2"}));
+}
+
+// A level-1 session's refusals are counted per address and operation: one row at once, then at
+// most one a period with how many there were; rows of all counts are bounded per period, and so
+// are the counts held. A logged-in session's refusals are rows of their own.
+TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
+{
+    FailingTrail trail;
+    std::atomic<int> seconds{0};
+    egwservice::RefusalLog log(trail, {std::chrono::seconds(10), 3, 2}, [&] {
+        return egwservice::SteadyTime(std::chrono::seconds(seconds.load()));
+    });
+    const auto refuse = [&](const char* peer, const char* operation, int level, int times) {
+        AuditRecord row;
+        row.peer = peer;
+        row.level = level;
+        row.operation = operation;
+        row.result = "denied: level 3 needed";
+        for (int i = 0; i < times; ++i)
+        {
+            log.record(row);
+        }
+        // Counts are written oldest first, by the time of their first refusal.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    };
+    std::size_t seen = 0;
+    const auto written = [&] {
+        std::vector<std::string> lines;
+        for (; seen < trail.rows.size(); ++seen)
+        {
+            const AuditRecord& row = trail.rows[seen];
+            EXPECT_TRUE(row.refusal);
+            lines.push_back(row.peer + " " + row.operation + " " +
+                            std::regex_replace(row.result, std::regex("between .*"), "..."));
+        }
+        return lines;
+    };
+    refuse("10.0.0.1:5000", "setState", 1, 500);
+    refuse("10.0.0.1:5001", "addElement", 1, 2);
+    refuse("10.0.0.2:7000", "setState", 1, 40);  // a third address: counted as "*"
+    refuse("10.0.0.3:7000", "setState", 2, 2);   // logged in: rows of their own
+    refuse("10.0.0.1:5002", "loginFailed", 1, 1); // beyond the period's three rows
+    EXPECT_EQ(written(), (std::vector<std::string>{
+                             "10.0.0.1:5000 setState denied: level 3 needed",
+                             "10.0.0.1:5001 addElement denied: level 3 needed",
+                             "10.0.0.2:7000 setState denied: level 3 needed",
+                             "10.0.0.3:7000 setState denied: level 3 needed",
+                             "10.0.0.3:7000 setState denied: level 3 needed"}));
+    log.writeDue();
+    EXPECT_EQ(written(), std::vector<std::string>{});
+    seconds = 10;
+    log.writeDue();
+    EXPECT_EQ(written(), (std::vector<std::string>{
+                             "10.0.0.1 setState denied: level 3 needed; refused 499 times ...",
+                             "10.0.0.1:5001 addElement denied: level 3 needed",
+                             "* setState denied: level 3 needed; refused 39 times ..."}));
+    seconds = 20;
+    log.writeDue();
+    EXPECT_EQ(written(), (std::vector<std::string>{"10.0.0.1:5002 loginFailed denied: level 3 needed"}));
 }
 
 rpc::Event storedEvent(std::int64_t timeMs, std::int32_t category)
@@ -345,12 +421,13 @@ rpc::Event storedEvent(std::int64_t timeMs, std::int32_t category)
     return e;
 }
 
+// The stored events' times; a gap row as minus its count.
 std::vector<std::int64_t> timesOf(const std::vector<rpc::Event>& events)
 {
     std::vector<std::int64_t> times;
     for (const rpc::Event& e : events)
     {
-        times.push_back(e.timeMs);
+        times.push_back(e.lost > 0 ? -e.lost : e.timeMs);
     }
     return times;
 }
@@ -358,23 +435,25 @@ std::vector<std::int64_t> timesOf(const std::vector<rpc::Event>& events)
 TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
 {
     TempDirectory dir;
-    egwservice::EventMemory memory(dir.path + "/events.db", 6);
+    egwservice::EventMemory memory(dir.path + "/events.db", {7, 100});
     // Eight events at times 1..8, categories 1,2,1,2,..; odd times below element 7, even ones
-    // below element 8, both below the root 1.
+    // below element 8, both below the root 1. Then a gap of two events lost, stored now.
     for (std::int64_t t = 1; t <= 8; ++t)
     {
         memory.store(storedEvent(t, static_cast<std::int32_t>(1 + (t + 1) % 2)),
                      {static_cast<std::uint32_t>(100 + t), t % 2 == 1 ? 7u : 8u, 1u});
     }
-    EXPECT_EQ(memory.notStored(), 0);
+    memory.lost(2);
+    ASSERT_TRUE(memory.flush(std::chrono::seconds(10)));
     egwservice::EventSelection all;
     const std::vector<rpc::Event> kept = memory.query(all);
-    // Six kept, the newest, newest first; the stored id is the sequence.
-    EXPECT_EQ(timesOf(kept), (std::vector<std::int64_t>{8, 7, 6, 5, 4, 3}));
-    EXPECT_GT(kept[0].sequence, kept[1].sequence);
-    EXPECT_EQ(kept[0].data, std::string("\x00\x01", 2));
-    EXPECT_TRUE(kept[0].__isset.detail);
-    EXPECT_FALSE(kept[0].__isset.stateChange);
+    // Seven kept, the newest, newest first; the stored id is the sequence.
+    EXPECT_EQ(timesOf(kept), (std::vector<std::int64_t>{-2, 8, 7, 6, 5, 4, 3}));
+    EXPECT_EQ(kept[0].eventId, 0);
+    EXPECT_GT(kept[1].sequence, kept[2].sequence);
+    EXPECT_EQ(kept[1].data, std::string("\x00\x01", 2));
+    EXPECT_TRUE(kept[1].__isset.detail);
+    EXPECT_FALSE(kept[1].__isset.stateChange);
 
     const auto selection = [](std::int64_t from, std::int64_t to, std::vector<std::int32_t> categories,
                               std::uint32_t subtree, int max) {
@@ -392,14 +471,16 @@ TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
         egwservice::EventSelection selection;
         std::vector<std::int64_t> times;
     };
+    // The gap could have held events of any category and sub-tree: every selection of its time
+    // finds it.
     const Case cases[] = {
         {"time range", selection(4, 6, {}, 0, 100), {6, 5, 4}},
-        {"category", selection(0, 0, {2}, 0, 100), {8, 6, 4}},
-        {"categories", selection(0, 0, {1, 2}, 0, 100), {8, 7, 6, 5, 4, 3}},
-        {"sub-tree", selection(0, 0, {}, 7, 100), {7, 5, 3}},
-        {"the element itself", selection(0, 0, {}, 105, 100), {5}},
-        {"sub-tree and category", selection(0, 0, {1}, 8, 100), {}},
-        {"page", selection(0, 0, {}, 1, 4), {8, 7, 6, 5}},
+        {"category", selection(0, 0, {2}, 0, 100), {-2, 8, 6, 4}},
+        {"categories", selection(0, 0, {1, 2}, 0, 100), {-2, 8, 7, 6, 5, 4, 3}},
+        {"sub-tree", selection(0, 0, {}, 7, 100), {-2, 7, 5, 3}},
+        {"the element itself", selection(0, 0, {}, 105, 100), {-2, 5}},
+        {"sub-tree and category", selection(0, 0, {1}, 8, 100), {-2}},
+        {"page", selection(0, 0, {}, 1, 4), {-2, 8, 7, 6}},
     };
     for (const Case& c : cases)
     {
@@ -408,7 +489,64 @@ TEST(EventMemory, FindsEventsByTimeCategoryAndSubtreeInPages)
     egwservice::EventSelection next;
     next.max = 4;
     next.beforeId = memory.query(selection(0, 0, {}, 1, 4)).back().sequence;
-    EXPECT_EQ(timesOf(memory.query(next)), (std::vector<std::int64_t>{4, 3}));
+    EXPECT_EQ(timesOf(memory.query(next)), (std::vector<std::int64_t>{5, 4, 3}));
+}
+
+// Eight threads store as fast as they can: every event is in the memory, and the writer's pace is
+// told. With the queue full behind a database held by another connection, the events beyond it
+// become one gap row, stored in their place once the database is free again.
+TEST(EventMemory, StoresEveryEventOfEightWritersAndAGapForAFullQueue)
+{
+    TempDirectory dir;
+    const std::string file = dir.path + "/events.db";
+    constexpr int kWriters = 8;
+    constexpr int kEach = 2500;
+    {
+        egwservice::EventMemory memory(file, {1000000, 100000});
+        const auto start = std::chrono::steady_clock::now();
+        std::vector<std::thread> writers;
+        for (int w = 0; w < kWriters; ++w)
+        {
+            writers.emplace_back([&memory, w] {
+                for (int i = 0; i < kEach; ++i)
+                {
+                    memory.store(storedEvent(w * kEach + i, 1), {1u});
+                }
+            });
+        }
+        for (std::thread& writer : writers)
+        {
+            writer.join();
+        }
+        ASSERT_TRUE(memory.flush(std::chrono::seconds(60)));
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_EQ(memory.stored(), kWriters * kEach);
+        std::printf("event memory: %d events stored in %.2f s, %.0f events/s\n", kWriters * kEach,
+                    seconds, kWriters * kEach / seconds);
+    }
+    egwservice::EventMemory memory(file, {1000000, 3});
+    {
+        Database other(file);
+        egwservice::Transaction held(other);
+        for (int i = 0; i < 10; ++i)
+        {
+            memory.store(storedEvent(100000 + i, 1), {1u});
+        }
+        EXPECT_FALSE(memory.flush(std::chrono::milliseconds(200)));
+    }
+    ASSERT_TRUE(memory.flush(std::chrono::seconds(20)));
+    egwservice::EventSelection newest;
+    newest.max = 11;
+    const std::vector<std::int64_t> times = timesOf(memory.query(newest));
+    // The writer took the first event (or the first few) and waited for the database; three
+    // waited in the queue; the rest are the gap, the newest row.
+    ASSERT_FALSE(times.empty());
+    const std::int64_t lost = -times.front();
+    EXPECT_GE(lost, 1);
+    EXPECT_EQ(memory.stored(), 10 - lost);
+    EXPECT_EQ(memory.overflowed(), lost);
+    EXPECT_EQ(times[1], 100000 + 9 - lost);
 }
 
 // Two sessions write the same label at once: each row holds the value its own session wrote, and
@@ -449,22 +587,6 @@ TEST_F(Records, RowsOfConcurrentWritersHoldTheirOwnValues)
     EXPECT_EQ(written.size(), 2u * kWrites);
 }
 
-// With no session watching, the service's own subscriptions still bring every state change into
-// the event memory.
-TEST_F(Records, TheEventMemoryKeepsWhatNoSessionFollows)
-{
-    egwservice::ServiceSettings settings;
-    settings.followPanel = true;
-    startService({}, settings);
-    auto operator2 = connectAt(2);
-    const rpc::Uuid detector = first(*operator2, kDetectorType);
-    (*operator2)->setState(detector, kFireAlarmGroup, kFireAlarm);
-    const std::vector<rpc::Event> stored = storedEvents(*operator2, 1);
-    ASSERT_EQ(stored.size(), 1u);
-    EXPECT_EQ(stored[0].uuid, detector);
-    EXPECT_EQ(stored[0].stateChange.value, kFireAlarm);
-}
-
 TEST_F(Records, EventsOfADeletedElementAreFoundInItsFormerSubtree)
 {
     startService();
@@ -496,39 +618,164 @@ TEST_F(Records, EventsOfADeletedElementAreFoundInItsFormerSubtree)
     EXPECT_EQ(refusal([&] { (*admin)->queryEvents(found, query); }), ErrorCode::BAD_ARGUMENT);
 }
 
-TEST_F(Records, AnEventThatCannotBeStoredStillReachesTheSessions)
+// One number from the database file, read through a connection of its own.
+std::int64_t countOf(const std::string& file, const char* sql)
 {
-    startService({}, {}, {}, std::make_unique<FailingTrail>());
-    auto admin = connectAt(4);
-    const rpc::Uuid detector = first(*admin, kDetectorType);
-    rpc::Subscription s;
-    s.kind = rpc::SubscriptionKind::ALL_STATE_CHANGES;
-    s.target = kDetectorType;
-    (*admin)->subscribe(s);
-    std::vector<rpc::Event> delivered;
+    Database db(file, Database::Access::ReadOnly);
+    egwservice::Statement count(db, sql);
+    return count.step() ? count.integer(0) : -1;
+}
+
+// Eight level-3 sessions change states at once for a few seconds, no session following them:
+// every change has its row, and every state change is in the event memory, with no gap.
+TEST_F(Records, EveryEventOfEightWritersIsStoredAndEveryChangeHasItsRow)
+{
+    egwservice::ServiceSettings settings;
+    settings.followPanel = true;
+    startService({}, settings);
+    auto probe = connectAt(3);
+    std::vector<rpc::Uuid> all;
+    std::vector<rpc::Uuid> elements; // each writer its own, with a fire-alarm state group
+    (*probe)->collectSubtree(all, 0, 0);
+    for (std::size_t i = 0; i < all.size() && elements.size() < 8; ++i)
     {
-        // Another connection holds the database's write lock.
-        Database other(database());
-        egwservice::Transaction held(other);
-        other.execute("DELETE FROM events");
-        (*admin)->setState(detector, kFireAlarmGroup, kFireAlarm);
-        (*admin)->nextEvents(delivered, 10, 5000);
-        ASSERT_EQ(delivered.size(), 1u);
-        // The pump stores after it has delivered; it gives up after a short wait.
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (core().eventMemory().notStored() == 0 && std::chrono::steady_clock::now() < until)
+        if (refusal([&] { (*probe)->getState(all[i], kFireAlarmGroup); }) == 0)
         {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            elements.push_back(all[i]);
         }
-        EXPECT_EQ(core().eventMemory().notStored(), 1);
     }
-    (*admin)->setState(detector, kFireAlarmGroup, kNormal);
-    (*admin)->nextEvents(delivered, 10, 5000);
-    ASSERT_EQ(delivered.size(), 1u);
-    // The pump stores an event after it has delivered it.
-    const std::vector<rpc::Event> stored = storedEvents(*admin, 1);
-    ASSERT_EQ(stored.size(), 1u);
-    EXPECT_EQ(stored[0].stateChange.value, kNormal);
+    ASSERT_EQ(elements.size(), 8u);
+    std::atomic<int> changes{0};
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    std::vector<std::thread> writers;
+    for (const rpc::Uuid element : elements)
+    {
+        writers.emplace_back([&, element] {
+            auto writer = connectAt(3);
+            for (int i = 0; i < 5000 && std::chrono::steady_clock::now() < until; ++i)
+            {
+                (*writer)->setState(element, kFireAlarmGroup, i % 2 == 0 ? kFireAlarm : kNormal);
+                ++changes;
+            }
+        });
+    }
+    for (std::thread& writer : writers)
+    {
+        writer.join();
+    }
+    ASSERT_TRUE(core().eventMemory().flush(std::chrono::seconds(30)));
+    EXPECT_EQ(countOf(database(), "SELECT count(*) FROM audit WHERE operation = 'setState' "
+                                  "AND result = 'ok'"),
+              changes.load());
+    EXPECT_EQ(countOf(database(), "SELECT count(*) FROM events WHERE changeGroup = 524289"),
+              changes.load());
+    EXPECT_EQ(countOf(database(), "SELECT count(*) FROM events WHERE lost > 0"), 0);
+    std::printf("eight writers: %d state changes in 3 s, each with its row and stored event\n",
+                changes.load());
+}
+
+// A refusal flood from level-1 sessions makes a few rows that count every refusal; with a small
+// bound on the rows, the refusal rows of a logged-in session are removed before a change's row.
+TEST_F(Records, ARefusalFloodIsCountedInFewRowsAndLeavesTheChangesRows)
+{
+    egwservice::ServiceSettings settings;
+    settings.auditRetention.rows = 20;
+    settings.refusals.period = std::chrono::seconds(1);
+    startService({}, settings);
+    auto admin = connectAt(3);
+    const rpc::Uuid detector = first(*admin, kDetectorType);
+    (*admin)->setInteger(detector, kAlarmThreshold, 42);
+    auto operator2 = connectAt(2);
+    for (int i = 0; i < 30; ++i)
+    {
+        EXPECT_EQ(refusal([&] { (*operator2)->addElement(detector, kDetectorType, false); }),
+                  ErrorCode::ACCESS_DENIED);
+    }
+    std::atomic<int> refused{0};
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    std::vector<std::thread> guests;
+    for (int g = 0; g < 8; ++g)
+    {
+        guests.emplace_back([&] {
+            auto guest = connect();
+            for (int i = 0; i < 5000 && std::chrono::steady_clock::now() < until; ++i)
+            {
+                refused += refusal([&] { (*guest)->setState(detector, kFireAlarmGroup, kFireAlarm); }) ==
+                           ErrorCode::ACCESS_DENIED;
+            }
+        });
+    }
+    for (std::thread& guest : guests)
+    {
+        guest.join();
+    }
+    // The last count is written once its period is over (the writer looks every second).
+    std::vector<AuditRow> rows;
+    int counted = 0;
+    for (int attempt = 0; attempt < 100 && counted != refused; ++attempt)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        rows = storedRows(database(), "setState");
+        counted = 0;
+        for (const AuditRow& row : rows)
+        {
+            std::smatch times;
+            counted += std::regex_search(row.record.result, times, std::regex("refused (\\d+) times"))
+                           ? std::stoi(times[1])
+                           : 1;
+        }
+    }
+    EXPECT_EQ(counted, refused.load());
+    // One row at once, then one a period: two seconds of flood, one second a period.
+    EXPECT_LE(rows.size(), 4u);
+    const std::vector<AuditRow> changed = storedRows(database(), "setInteger");
+    ASSERT_EQ(changed.size(), 1u);
+    EXPECT_EQ(changed[0].record.after, "42");
+    EXPECT_EQ(storedRows(database()).size(), 20u);
+}
+
+// The element server's queue to the service's module dropped events: a gap row with their number
+// stands in the event memory, and queryEvents gives it.
+class DroppingSource : public egwservice::EventSource
+{
+public:
+    void open(UINT32 module) override { real_->open(module); }
+    void close(UINT32 module) override { real_->close(module); }
+    bool next(UINT32 module, egwservice::RawEvent& event, std::chrono::milliseconds timeout) override
+    {
+        return real_->next(module, event, timeout);
+    }
+    std::size_t dropped(UINT32 module) override { return real_->dropped(module) + extra; }
+
+    std::atomic<std::size_t> extra{0};
+
+private:
+    std::unique_ptr<egwservice::EventSource> real_ = egwservice::makeEventSource();
+};
+
+TEST(EventGaps, EventsDroppedUpstreamAreAGapRow)
+{
+    TempDirectory dir;
+    egwservice::ServiceSettings settings;
+    egwservice::preparePanel({}, settings);
+    settings.database = dir.path + "/egwd.db";
+    DroppingSource source;
+    egwservice::ServiceCore core(settings, source);
+    egwservice::PanelHandler reader(core, "127.0.0.1:9", 1);
+    source.extra = 7;
+    rpc::EventQuery query;
+    query.max = 10;
+    std::vector<rpc::Event> found;
+    for (int attempt = 0; attempt < 100 && found.empty(); ++attempt)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        core.eventMemory().flush(std::chrono::seconds(1));
+        reader.queryEvents(found, query);
+    }
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].lost, 7);
+    EXPECT_EQ(found[0].eventId, 0);
+    EXPECT_GT(found[0].timeMs, 0);
 }
 
 } // namespace

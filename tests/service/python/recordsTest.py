@@ -4,7 +4,8 @@ A full disk (the file-size limit of the process, RLIMIT_FSIZE: a write beyond it
 and a read-only database: changes are refused with a message naming the audit trail, reads go on,
 and once the disk is free again or the file writable, changes are made again without a restart.
 A database that cannot be opened at all stops egwd at its start. Password values never reach the
-records.
+records. Events the event memory's queue could not hold are a gap row with their number, which
+queryEvents and `egw history` show.
 """
 
 import json
@@ -14,7 +15,10 @@ import resource
 import shutil
 import sqlite3
 import subprocess
+import sys
 import tempfile
+import threading
+import time
 import unittest
 
 import egwdProcess
@@ -27,6 +31,9 @@ LEVEL2_PASSWORD = 0x30010
 # Beyond the files egwd makes at its start (the database, its WAL and the WAL's 32 KiB index).
 FILE_LIMIT = 256 * 1024
 MOST_CHANGES = 300
+FIRE_ALARM_GROUP, FIRE_ALARM, NORMAL = 0x80001, 0x60003, 0x60001
+# The egw program, for the records as the panel tool shows them.
+EGW = None
 
 
 def rows(database, operation):
@@ -165,8 +172,10 @@ class ReadOnlyDatabaseTest(RecordsTestCase):
         self.assertEqual(client.getInteger(detector, ALARM_THRESHOLD), 13)
         status, text = egwd.stop()
         self.assertEqual(status, 0, text)
-        self.assertEqual([row[1:] for row in rows(self.database, "setInteger")],
-                         [("11", "ok"), ("13", "ok")])
+        stored = rows(self.database, "setInteger")
+        self.assertEqual([row[1:] for row in stored if row[2] == "ok"], [("11", "ok"), ("13", "ok")])
+        # The level-1 refusal, kept while the file could not be written, is written once it can.
+        self.assertIn((None, None, "denied: level 3 needed"), stored)
         self.assertEqual(integrity(self.database), "ok")
 
     def test_a_database_that_cannot_be_opened_stops_egwd(self):
@@ -218,5 +227,71 @@ class PasswordRecordsTest(EgwdTestCase):
                 self.assertEqual(bool(stored[0].data), shown)
 
 
+class GapTest(RecordsTestCase):
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="egwd-gap-")
+        self.addCleanup(shutil.rmtree, self.folder, True)
+
+    def test_events_beyond_the_queue_are_a_gap_in_queries_and_the_history(self):
+        # A queue of one event: while eight sessions' audit rows go first, the events that find
+        # the queue full are counted into a gap.
+        database = os.path.join(self.folder, "egwd.db")
+        egwd = self.start("--event-queue", "1", "--database", database)
+        probe = egwd.connect_at(3)
+        elements = []
+        for uuid in probe.collectSubtree(0, 0):
+            try:
+                probe.getState(uuid, FIRE_ALARM_GROUP)
+                elements.append(uuid)
+            except PanelError:
+                pass
+        changes = [0] * 8
+        gap_seen = threading.Event()
+        until = time.monotonic() + 10
+
+        def change(writer):
+            client = egwd.connect_at(3)
+            while not gap_seen.is_set() and time.monotonic() < until:
+                client.setState(elements[writer], FIRE_ALARM_GROUP,
+                                NORMAL if changes[writer] % 2 else FIRE_ALARM)
+                changes[writer] += 1
+        writers = [threading.Thread(target=change, args=(w,)) for w in range(8)]
+        for writer in writers:
+            writer.start()
+        while not gap_seen.is_set() and time.monotonic() < until:
+            time.sleep(0.1)
+            if any(e.lost for e in probe.queryEvents(EventQuery(max=100))):
+                gap_seen.set()
+        for writer in writers:
+            writer.join()
+        time.sleep(1)  # the writer stores what is queued
+        gaps = [e for e in probe.queryEvents(EventQuery(max=1000)) if e.lost]
+        self.assertTrue(gaps, "no gap in %d changes" % sum(changes))
+        self.assertEqual({(e.eventId, e.uuid) for e in gaps}, {(0, 0)})
+        status, text = egwd.stop()
+        self.assertEqual(status, 0, text)
+        # Every change is an event stored or counted in a gap.
+        with sqlite3.connect(database) as db:
+            stored, lost = db.execute("SELECT count(*) FILTER (WHERE lost = 0), sum(lost) "
+                                      "FROM events").fetchone()
+        self.assertEqual(stored + lost, sum(changes))
+
+        def egw(*arguments):
+            return subprocess.run([EGW, *arguments, "--database", database, "--limit", "1000"],
+                                  capture_output=True, text=True, timeout=60, check=True).stdout
+        shown = egw("history")
+        for gap in gaps:
+            self.assertIn("#%d  " % gap.sequence, shown)
+            self.assertIn("gap: %d events lost before they could be stored" % gap.lost, shown)
+        rows = json.loads(egw("--json", "history"))["rows"]
+        self.assertEqual([(r["id"], r["lost"]) for r in rows if "lost" in r][:len(gaps)],
+                         [(e.sequence, e.lost) for e in gaps])
+
+
 if __name__ == "__main__":
+    if "--egw" in sys.argv:
+        at = sys.argv.index("--egw")
+        EGW = sys.argv[at + 1]
+        del sys.argv[at:at + 2]
     egwdProcess.main()
