@@ -1075,7 +1075,7 @@ void PanelHandler::setBytes(Uuid uuid, Id propertyId, const std::string& value)
             return EGW_ElementServerSetStringProperty(value.data(), size, u, p, client());
         };
         write(audited, uuid, propertyId, Storage::Bytes, "byte string", store, [&](UINT32 p) {
-            // An empty password would shut its level for good (passwords.h).
+            // An empty password opens nothing: its level would be shut for good.
             if (propertyLevel(p) >= kHighestLevel && passwordText(value).empty())
             {
                 refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(p) +
