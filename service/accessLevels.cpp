@@ -1,6 +1,7 @@
 // The one table of access levels. Level 1 reads (all but the passwords), follows events and reads
 // event details; level 2 operates the panel (commands, states); level 3 configures it (elements,
-// properties, relations, default states, GUIDs); level 4 manages the passwords.
+// properties, relations, default states, GUIDs); level 4 manages the passwords and the element
+// that holds them.
 #include "service/accessLevels.h"
 
 #include <algorithm>
@@ -117,6 +118,11 @@ int propertyLevel(UINT32 propertyId)
     const bool password = id == kPasswordLevel2 || id == kPasswordLevel3 ||
                           id == kPasswordLevel3Service || id == kPasswordLevel4;
     return password ? kHighestLevel : kLowestLevel;
+}
+
+int elementLevel(UINT32 typeId)
+{
+    return (typeId & 0xFFFFu) == (kPasswordHolderType & 0xFFFFu) ? kHighestLevel : kLowestLevel;
 }
 
 LevelPasswords passwordProperties(int level)

@@ -23,6 +23,14 @@ std::map<std::string, int> accessTable();
 // element, else 1 (the operation's own level still applies).
 int propertyLevel(UINT32 propertyId);
 
+// The type of the panel element, the element that holds the passwords. Adding an element of this
+// type, or deleting a subtree that holds one, needs level 4: either could put another element's
+// passwords, or the type library's defaults, in place of the ones held.
+constexpr UINT32 kPasswordHolderType = 0x70007;
+// The level needed to add an element of the type or delete a subtree holding one of that type:
+// 4 for the password holder's type, else 1 (the operation's own level still applies).
+int elementLevel(UINT32 typeId);
+
 // The password property (or properties) of a level, on the panel element; none for level 1.
 struct LevelPasswords
 {

@@ -165,9 +165,14 @@ int main(int argc, char** argv)
     long longestBlock = service.logins.longestBlock.count();
     long sessionIdle = service.sessionIdle.count();
     app.add_option("--login-failures", service.logins.failuresAllowed,
-                   "failed logins from one address before its logins are refused")
+                   "failed logins at a level from one address before its logins there are refused")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000));
+    app.add_option("--login-guesses", service.logins.guessesPerMinute,
+                   "passwords checked per level and minute over all peers (again as many for "
+                   "peers with a client certificate)")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 10000));
     app.add_option("--login-block", firstBlock,
                    "seconds the first refusal lasts; each later failure doubles it")
         ->capture_default_str()

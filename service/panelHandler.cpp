@@ -378,10 +378,11 @@ ServiceCore::~ServiceCore()
 
 // ---- Session ------------------------------------------------------------------------------------
 
-PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level)
+PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level, bool certified)
     : core_(core),
       id_(core.newSessionId()),
       peer_(std::move(peer)),
+      certified_(certified),
       level_(level),
       lastRequest_(core.settings().clock()),
       client_(NewThriftClientInstance()),
@@ -597,15 +598,15 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
         }
         const std::string asked = "level " + std::to_string(level);
         LoginGuard& guard = core_.logins();
-        const std::string address = LoginGuard::addressOf(peer_);
-        const std::chrono::seconds blocked = guard.blockedFor(address);
-        if (blocked.count() > 0)
+        const LoginAttempt attempt{LoginGuard::addressOf(peer_), level, certified_};
+        const LoginGuard::Admission admission = guard.admit(attempt);
+        if (admission.refusal != LoginGuard::Refusal::None)
         {
-            const std::string wait = std::to_string(blocked.count()) + " s";
-            recordSession("loginBlocked", std::nullopt, asked + ": refused for " + wait + " more",
+            recordSession("loginBlocked", std::nullopt,
+                          asked + ": refused for " + std::to_string(admission.wait.count()) +
+                              " s more",
                           false);
-            refuse(ErrorCode::LIMIT, "logins from " + address + " are refused for " + wait +
-                                         " more after repeated failed logins");
+            refuse(ErrorCode::LIMIT, guard.refusalText(admission, attempt));
         }
         bool accepted = false;
         for (const std::string& expected : levelPasswords(level))
@@ -614,14 +615,16 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
         }
         if (!accepted)
         {
-            const std::chrono::seconds block = guard.failed(address);
+            const std::chrono::seconds block = guard.failed(attempt);
             recordSession("loginFailed", std::nullopt, asked + ": wrong password", false);
             refuse(ErrorCode::BAD_PASSWORD,
                    "the password for access level " + std::to_string(level) + " is not right" +
-                       (block.count() > 0 ? "; logins from " + address + " are now refused for " +
+                       (block.count() > 0 ? "; logins at that level from " + attempt.address +
+                                                " are now refused for " +
                                                 std::to_string(block.count()) + " s"
                                           : std::string()));
         }
+        guard.succeeded(attempt);
         try
         {
             recordSession("login", std::to_string(level), "ok", true);
@@ -632,7 +635,6 @@ void PanelHandler::login(rpc::SessionInfo& _return, std::int32_t level, const st
                    std::string("the login is not granted: the audit trail cannot record it (") +
                        e.what() + ")");
         }
-        guard.succeeded(address);
         level_ = level;
         _return = sessionInfo();
     });
@@ -1086,8 +1088,17 @@ void PanelHandler::setBytes(Uuid uuid, Id propertyId, const std::string& value)
 {
     change("setBytes", uuid, [&](AuditedChange& audited) {
         const UINT16 size = byteCount(value, "value", false);
-        write(audited, uuid, propertyId, Storage::Bytes, "byte string", [&](UINT32 u, UINT32 p) {
+        const auto store = [&](UINT32 u, UINT32 p) {
             return EGW_ElementServerSetStringProperty(value.data(), size, u, p, client());
+        };
+        write(audited, uuid, propertyId, Storage::Bytes, "byte string", store, [&](UINT32 p) {
+            // An empty password opens nothing: its level would be shut for good.
+            if (propertyLevel(p) >= kHighestLevel && passwordText(value).empty())
+            {
+                refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(p) +
+                                                    " is a password: it needs a byte other than "
+                                                    "the zero bytes that end a text");
+            }
         });
     });
 }
@@ -1442,6 +1453,11 @@ PanelHandler::Uuid PanelHandler::addElement(Uuid parent, Id typeId, bool validat
     return change("addElement", parent, [&](AuditedChange& audited) {
         TypeFacts facts;
         const UINT32 type = facts.elementType(typeId);
+        if (level_ < elementLevel(type))
+        {
+            requireLevel(elementLevel(type), "adding an element of type " + hex(type) +
+                                                 ", which holds access-level passwords,");
+        }
         if (parent == 0)
         {
             if (EGW_ELementServerGetTreeRoot(client()) != 0)
@@ -1478,11 +1494,26 @@ void PanelHandler::deleteElement(Uuid uuid)
     change("deleteElement", uuid, [&](AuditedChange& audited) {
         TypeFacts facts;
         const Subject s = facts.element(uuid);
+        requireHolderLevel(s.uuid);
         audited.begin(s.uuid, "type " + hex(s.type));
         const INT32 status = EGW_ELementServerDeleteElementByUuid(s.uuid, client());
         refused(status == 0, "the deletion of " + elementText(s) + " (status " +
                                  std::to_string(status) + ")");
     });
+}
+
+void PanelHandler::requireHolderLevel(UINT32 subtreeRoot) const
+{
+    const int needed = elementLevel(kPasswordHolderType);
+    const UINT32 holder = level_ < needed ? passwordHolderIn(subtreeRoot, client()) : 0;
+    if (holder != 0)
+    {
+        requireLevel(needed,
+                     "deleting element " + std::to_string(subtreeRoot) +
+                         " (its subtree holds the access-level passwords, in element " +
+                         std::to_string(holder) + ")",
+                     subtreeRoot);
+    }
 }
 
 std::int64_t PanelHandler::deleteElementWaited(Uuid root,
@@ -1499,6 +1530,7 @@ std::int64_t PanelHandler::deleteElementWaited(Uuid root,
         const TreeLock lock(client());
         TypeFacts facts;
         const Subject s = facts.element(root, "root");
+        requireHolderLevel(s.uuid);
         std::vector<S_EGW_DELETE_ELEMENT_CHANGE_STATE_LIST> list;
         for (const rpc::StateChange& change : changes)
         {

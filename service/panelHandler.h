@@ -96,8 +96,9 @@ class PanelHandler : public ::egw::rpc::PanelServiceIf
 {
 public:
     // A session at access level 1. A session opened in-process for the panel tool may start at a
-    // higher level.
-    PanelHandler(ServiceCore& core, std::string peer, int level = 1);
+    // higher level. `certified`: the connection showed a client certificate the service verified
+    // (its logins are guarded apart from those of peers without one).
+    PanelHandler(ServiceCore& core, std::string peer, int level = 1, bool certified = false);
     ~PanelHandler() override;
     PanelHandler(const PanelHandler&) = delete;
     PanelHandler& operator=(const PanelHandler&) = delete;
@@ -203,6 +204,8 @@ private:
     auto change(const char* operation, std::int64_t uuid, Body&& body);
     // Refuses (and records the refusal of) a request the session's level does not allow.
     void requireLevel(int level, const std::string& what, std::uint32_t uuid = 0) const;
+    // Deleting a subtree that holds the element of the passwords needs that element's level.
+    void requireHolderLevel(UINT32 subtreeRoot) const;
     AuditRecord auditRow(const char* operation, std::uint32_t uuid) const;
     // Property-change data of passwords is emptied for sessions below their level.
     void hideSecrets(std::vector<rpc::Event>& events) const;
@@ -227,6 +230,7 @@ private:
     ServiceCore& core_;
     const std::int64_t id_;
     const std::string peer_;
+    const bool certified_;
     int level_;
     SteadyTime lastRequest_;
     bool beyondBound_ = false;

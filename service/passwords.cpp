@@ -3,35 +3,27 @@
 #include "elementGateway.h"
 #include "service/accessLevels.h"
 
+#include <optional>
+
 namespace egwservice
 {
 namespace
 {
 
-constexpr UINT32 kPanelType = 0x70007;
-
-std::string withoutByteOrderMark(std::string text)
+// The panel element's value of the property; none when there is no panel element or it holds no
+// value. Only a value that is not there at all gives way to the default: any bytes the element
+// holds are the password, even when they begin with a zero byte.
+std::optional<std::string> panelValue(UINT32 propertyId)
 {
-    static const std::string kMark("\xEF\xBB\xBF");
-    if (text.compare(0, kMark.size(), kMark) == 0)
-    {
-        text.erase(0, kMark.size());
-    }
-    return text;
-}
-
-// The panel element's value of the property; empty when there is no panel element or no value.
-std::string panelValue(UINT32 propertyId)
-{
-    const UINT32 panel = EGW_ELementServerGetElementByElementTypeId(0, kPanelType, false, nullptr);
+    const UINT32 panel =
+        EGW_ELementServerGetElementByElementTypeId(0, kPasswordHolderType, false, nullptr);
     std::string value;
     if (panel == 0 ||
         EGW_ElementServerGetPropertyDataByPropertyID(panel, propertyId, value, nullptr) != TRUE)
     {
-        return std::string();
+        return std::nullopt;
     }
-    // A stored text may end at a zero byte, as the panel's own text fields do.
-    return withoutByteOrderMark(value.substr(0, value.find('\0')));
+    return value;
 }
 
 // The type library's default, through the library's default-password operations; asked only when
@@ -39,7 +31,7 @@ std::string panelValue(UINT32 propertyId)
 std::string defaultValue(UINT32 propertyId)
 {
     std::vector<PropertyDefaultDef> defaults;
-    EGW_ELementServerGetPropertyDefaultDataList(kPanelType, defaults);
+    EGW_ELementServerGetPropertyDefaultDataList(kPasswordHolderType, defaults);
     bool present = false;
     for (const PropertyDefaultDef& record : defaults)
     {
@@ -64,11 +56,10 @@ std::vector<std::string> levelPasswords(int level)
         {
             continue;
         }
-        std::string password = panelValue(property);
-        if (password.empty())
-        {
-            password = defaultValue(property);
-        }
+        const std::optional<std::string> held = panelValue(property);
+        const std::string password = passwordText(held ? *held : defaultValue(property));
+        // An empty password opens nothing, whether held or the default: the level stays shut
+        // rather than open to everyone.
         if (!password.empty())
         {
             passwords.push_back(password);
@@ -77,8 +68,30 @@ std::vector<std::string> levelPasswords(int level)
     return passwords;
 }
 
-bool samePassword(const std::string& given, const std::string& expected)
+namespace
 {
+
+std::string withoutPadding(std::string bytes)
+{
+    bytes.erase(bytes.find_last_not_of('\0') + 1);
+    return bytes;
+}
+
+} // namespace
+
+std::string passwordText(std::string stored)
+{
+    static const std::string kMark("\xEF\xBB\xBF");
+    if (stored.compare(0, kMark.size(), kMark) == 0)
+    {
+        stored.erase(0, kMark.size());
+    }
+    return withoutPadding(std::move(stored));
+}
+
+bool samePassword(const std::string& givenBytes, const std::string& expected)
+{
+    const std::string given = withoutPadding(givenBytes);
     // Every byte of the longer text is looked at; the lengths count as one more difference.
     const std::size_t length = given.size() > expected.size() ? given.size() : expected.size();
     unsigned difference = given.size() == expected.size() ? 0u : 1u;
@@ -89,6 +102,12 @@ bool samePassword(const std::string& given, const std::string& expected)
         difference |= static_cast<unsigned>(a ^ b);
     }
     return difference == 0;
+}
+
+UINT32 passwordHolderIn(UINT32 subtreeRoot, void* client)
+{
+    return EGW_ELementServerGetElementByElementTypeId(subtreeRoot, kPasswordHolderType, false,
+                                                      client);
 }
 
 } // namespace egwservice

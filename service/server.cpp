@@ -322,7 +322,9 @@ private:
 class HandlerFactory : public rpc::PanelServiceIfFactory
 {
 public:
-    explicit HandlerFactory(ServiceCore& core) : core_(core) {}
+    // `certified`: every connection shows a client certificate of the trusted CA (--tls-ca); the
+    // handshake, before the first request is read, refuses any other.
+    HandlerFactory(ServiceCore& core, bool certified) : core_(core), certified_(certified) {}
 
     rpc::PanelServiceIf* getHandler(const TConnectionInfo& connection) override
     {
@@ -332,13 +334,14 @@ public:
             peer = clock->socket().getPeerAddress() + ":" +
                    std::to_string(clock->socket().getPeerPort());
         }
-        return new PanelHandler(core_, peer);
+        return new PanelHandler(core_, peer, 1, certified_);
     }
 
     void releaseHandler(rpc::PanelServiceIf* handler) override { delete handler; }
 
 private:
     ServiceCore& core_;
+    const bool certified_;
 };
 
 // The TLS listening socket, telling the socket its connections' waits watch for the server's stop.
@@ -533,8 +536,9 @@ PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
         protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocolFactory>(
             kLongestString, kLongestList, false, true);
     }
+    const auto handlers = std::make_shared<HandlerFactory>(core, !settings.tlsCa.empty());
     server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
-        std::make_shared<rpc::PanelServiceProcessorFactory>(std::make_shared<HandlerFactory>(core)),
+        std::make_shared<rpc::PanelServiceProcessorFactory>(handlers),
         listener_, std::make_shared<FramedFactory>(settings.maxFrameSize), protocol);
     // The listener keeps the bound; the server's own one would stop accepting instead.
     server_->setConcurrentClientLimit(std::numeric_limits<int>::max());

@@ -232,24 +232,5 @@ TEST_F(RequestChecks, PasswordsStayBelowLevelFour)
     EXPECT_EQ(level2, "2222");
 }
 
-TEST_F(RequestChecks, LoginRaisesAndLogoutDropsTheLevel)
-{
-    auto client = connect();
-    rpc::SessionInfo session;
-    (*client)->getSession(session);
-    EXPECT_EQ(session.accessLevel, 1);
-    EXPECT_THROW((*client)->login(session, 2, "2223"), rpc::PanelError);
-    EXPECT_THROW((*client)->login(session, 2, "22222"), rpc::PanelError);
-    (*client)->getSession(session);
-    EXPECT_EQ(session.accessLevel, 1);
-    // Level 3 opens with either of its two passwords; the default with a byte-order mark counts
-    // without it.
-    (*client)->login(session, 3, "3131");
-    EXPECT_EQ(session.accessLevel, 3);
-    (*client)->logout(session);
-    EXPECT_EQ(session.accessLevel, 1);
-    EXPECT_EQ(reports(), 0);
-}
-
 } // namespace
 } // namespace servicetest

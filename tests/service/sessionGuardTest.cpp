@@ -1,7 +1,17 @@
-// Sessions: logins refused after failures from one address, logins that lapse after a time
-// without requests, and the bound on sessions open at once. The time is a clock the test moves.
+// Sessions: the login guard's rules, logins that lapse after a time without requests, the bound
+// on sessions open at once, and the passwords' holder kept from levels below 4. The time is a
+// clock the test moves.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -31,102 +41,103 @@ struct TestClock
     void setSecond(long second) const { *elapsed = second; }
 };
 
+using Refusal = LoginGuard::Refusal;
+
+// One login at the guard: admitted and failed (`result` is the block it starts), admitted and
+// granted, or refused before its password is looked at (`result` is the wait).
 enum class Login
 {
     Fails,
     Succeeds,
-    Asks
+    Refused
 };
 
 struct Step
 {
     long second;
     const char* address;
+    int level;
+    bool certified;
     Login what;
-    long block; // after the step: how long logins from the address are refused
+    Refusal refusal; // for Refused
+    long result;
 };
 
-TEST(LoginGuard, BlocksDoublesCapsAndForgets)
+TEST(LoginGuard, Rules)
 {
     LoginLimits limits;
+    limits.failuresAllowed = 2;
+    limits.longestBlock = seconds(60);
     limits.addressesKept = 3;
+    limits.guessesPerMinute = 2; // one every 30 s
     const TestClock time;
     LoginGuard guard(limits, time.clock());
     const char* const a = "192.0.2.1";
+    constexpr Login fails = Login::Fails;
+    constexpr Login refused = Login::Refused;
+    constexpr Refusal none = Refusal::None;
     const std::vector<Step> steps = {
-        // Four failures are allowed; the fifth blocks for 30 s.
-        {0, a, Login::Fails, 0},
-        {0, a, Login::Fails, 0},
-        {1, a, Login::Fails, 0},
-        {2, a, Login::Fails, 0},
-        {3, a, Login::Fails, 30},
-        {13, a, Login::Asks, 20},
-        {32, a, Login::Asks, 1},
-        {33, a, Login::Asks, 0},
-        // Each failure after a block doubles it, up to 15 minutes.
-        {33, a, Login::Fails, 60},
-        {93, a, Login::Fails, 120},
-        {213, a, Login::Fails, 240},
-        {453, a, Login::Fails, 480},
-        {933, a, Login::Fails, 900},
-        {1833, a, Login::Fails, 900},
-        // Another address is not touched.
-        {1833, "192.0.2.2", Login::Asks, 0},
-        // A granted login forgets the failures: four more are allowed again.
-        {2733, a, Login::Succeeds, 0},
-        {2733, a, Login::Fails, 0},
-        {2733, a, Login::Fails, 0},
-        {2733, a, Login::Fails, 0},
-        {2733, a, Login::Fails, 0},
-        {2733, a, Login::Fails, 30},
-        // Quiet for the longest block after the block ended: the address starts afresh.
-        {3663, a, Login::Fails, 0},
-        {3663, a, Login::Fails, 0},
-        {3663, a, Login::Fails, 0},
-        {3663, a, Login::Fails, 0},
-        {3663, a, Login::Fails, 30},
+        // Per address and level: blocked after two failures; each failure after a block doubles
+        // it, up to the longest block.
+        {0, a, 4, false, fails, none, 0},
+        {0, a, 4, false, fails, none, 30},
+        {1, a, 4, false, refused, Refusal::Address, 29},
+        // Neither another level nor a certified peer from the same address is blocked, and a
+        // granted login at another level lifts nothing.
+        {1, a, 4, true, fails, none, 0},
+        {1, a, 2, false, Login::Succeeds, none, 0},
+        {1, a, 4, false, refused, Refusal::Address, 29},
+        {31, a, 4, false, fails, none, 60},
+        {91, a, 4, false, fails, none, 60},
+        // A granted login forgets the failures of its own address and level.
+        {500, a, 2, false, fails, none, 0},
+        {500, a, 2, false, Login::Succeeds, none, 0},
+        {500, a, 2, false, fails, none, 0},
+        // Per level over all addresses: two checked passwords, then one every 30 s. The other
+        // levels and the certified peers have budgets of their own.
+        {1000, "198.51.100.1", 3, false, fails, none, 0},
+        {1000, "198.51.100.2", 3, false, fails, none, 0},
+        {1000, "198.51.100.3", 3, false, refused, Refusal::Level, 30},
+        {1000, "198.51.100.3", 2, false, fails, none, 0},
+        {1000, "198.51.100.3", 3, true, fails, none, 0},
+        {1029, "198.51.100.4", 3, false, refused, Refusal::Level, 1},
+        {1030, "198.51.100.4", 3, false, fails, none, 0},
+        // Room for a new address never lifts a block: with every record blocked, a new address
+        // waits for the first block to end, and then only that record goes.
+        {2000, "203.0.113.1", 4, false, fails, none, 0},
+        {2000, "203.0.113.1", 4, false, fails, none, 30},
+        {2001, "203.0.113.2", 3, false, fails, none, 0},
+        {2001, "203.0.113.2", 3, false, fails, none, 30},
+        {2002, "203.0.113.3", 2, false, fails, none, 0},
+        {2002, "203.0.113.3", 2, false, fails, none, 30},
+        {2010, "203.0.113.4", 4, false, refused, Refusal::Full, 20},
+        {2030, "203.0.113.4", 4, false, fails, none, 0},
+        {2030, "203.0.113.2", 3, false, refused, Refusal::Address, 1},
+        {2030, "203.0.113.3", 2, false, refused, Refusal::Address, 2},
     };
     for (const Step& step : steps)
     {
         time.setSecond(step.second);
-        seconds block{0};
-        switch (step.what)
+        const egwservice::LoginAttempt attempt{step.address, step.level, step.certified};
+        const LoginGuard::Admission admission = guard.admit(attempt);
+        const std::string where = "second " + std::to_string(step.second) + ", " + step.address +
+                                  ", level " + std::to_string(step.level);
+        if (step.what == Login::Refused)
         {
-        case Login::Fails:
-            block = guard.failed(step.address);
-            EXPECT_EQ(guard.blockedFor(step.address), block);
-            break;
-        case Login::Succeeds:
-            guard.succeeded(step.address);
-            block = guard.blockedFor(step.address);
-            break;
-        case Login::Asks:
-            block = guard.blockedFor(step.address);
-            break;
+            EXPECT_EQ(admission.refusal, step.refusal) << where;
+            EXPECT_EQ(admission.wait.count(), step.result) << where;
+            continue;
         }
-        EXPECT_EQ(block.count(), step.block) << "second " << step.second << ", " << step.address;
-    }
-}
-
-TEST(LoginGuard, KeepsABoundedNumberOfAddresses)
-{
-    LoginLimits limits;
-    limits.addressesKept = 3;
-    const TestClock time;
-    LoginGuard guard(limits, time.clock());
-    long second = 0;
-    for (const char* address : {"192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4"})
-    {
-        for (int failure = 0; failure < 4; ++failure)
+        ASSERT_EQ(admission.refusal, Refusal::None) << where;
+        if (step.what == Login::Fails)
         {
-            time.setSecond(++second);
-            EXPECT_EQ(guard.failed(address).count(), 0);
+            EXPECT_EQ(guard.failed(attempt).count(), step.result) << where;
+        }
+        else
+        {
+            guard.succeeded(attempt);
         }
     }
-    // The fourth address pushed out the one whose last failure is oldest; the others are kept.
-    EXPECT_EQ(guard.failed("192.0.2.1").count(), 0);
-    EXPECT_EQ(guard.failed("192.0.2.4").count(), 30);
-    EXPECT_EQ(guard.failed("192.0.2.3").count(), 30);
 }
 
 TEST(LoginGuard, AddressOfPeer)
@@ -145,13 +156,17 @@ protected:
     {
         egwservice::ServiceSettings settings;
         settings.maxSessions = 3;
+        start(settings);
+    }
+    void start(egwservice::ServiceSettings settings, const egwservice::PanelFiles& files = {})
+    {
         settings.clock = time.clock();
-        startService({}, settings);
+        startService(files, settings);
     }
 
     // The code of the PanelError that the call raises; 0 when it raises none.
     template <typename Call>
-    static int refusal(Call&& call)
+    static int refusal(Call&& call, std::string* message = nullptr)
     {
         try
         {
@@ -159,6 +174,10 @@ protected:
         }
         catch (const servicetest::rpc::PanelError& error)
         {
+            if (message != nullptr)
+            {
+                *message = error.message;
+            }
             return error.code;
         }
         return 0;
@@ -203,28 +222,174 @@ TEST_F(SessionLimits, IdleLoginLapsesToLevelOneWithItsRow)
     EXPECT_EQ(row.after, "1");
 }
 
-TEST_F(SessionLimits, FailedLoginsBlockTheAddressWithTheirRows)
+// A Thrift client connected from 127.0.0.x (every address of 127.0.0.0/8 reaches the loopback
+// interface); its socket closes with it.
+std::unique_ptr<servicetest::rpc::PanelServiceClient> clientFrom(int x, int port)
 {
-    auto admin = connectAt(3);
-    auto guest = connect();
-    servicetest::rpc::SessionInfo session;
-    for (int failure = 1; failure <= 5; ++failure)
+    sockaddr_in from{AF_INET, 0, {htonl(0x7F000000u | static_cast<std::uint32_t>(x))}, {}};
+    sockaddr_in to{AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const auto socket = std::make_shared<apache::thrift::transport::TSocket>(fd); // closes fd
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+        ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)
     {
-        EXPECT_EQ(refusal([&] { (*guest)->login(session, 3, "wrong"); }), ErrorCode::BAD_PASSWORD);
+        throw std::runtime_error("no connection from 127.0.0." + std::to_string(x));
     }
-    EXPECT_EQ(refusal([&] { (*guest)->login(session, 3, "3333"); }), ErrorCode::LIMIT);
-    time.setSecond(30);
-    (*guest)->login(session, 3, "3333");
-    EXPECT_EQ(session.accessLevel, 3);
-    (*guest)->logout(session);
+    return std::make_unique<servicetest::rpc::PanelServiceClient>(
+        std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
+            std::make_shared<apache::thrift::transport::TFramedTransport>(socket)));
+}
 
-    EXPECT_EQ(rows(*admin, "loginFailed").size(), 5u);
-    EXPECT_EQ(rows(*admin, "loginBlocked").size(), 1u);
+class GuardedLogins : public SessionLimits
+{
+protected:
+    void SetUp() override { start({}); }
+};
+
+// Logins from loopback addresses 127.0.0.x, `count` times from `from` (from `from` onwards when
+// `rotating`), all answered `code`.
+struct LoginCase
+{
+    long second;
+    int from;
+    int count;
+    bool rotating;
+    int level;
+    const char* password;
+    int code;
+    const char* says; // a part of the refusal's message, or nullptr
+};
+
+TEST_F(GuardedLogins, PerAddressAndLevelAndOverAllAddressesWithTheirRows)
+{
+    constexpr int kBad = ErrorCode::BAD_PASSWORD;
+    constexpr int kLimit = ErrorCode::LIMIT;
+    const std::vector<LoginCase> cases = {
+        // Five wrong level-3 passwords block 127.0.0.1 at level 3, even for the right one; a
+        // granted login at level 2 in between forgets none of them, and level 2 stays open.
+        {0, 1, 4, false, 3, "wrong", kBad, nullptr},
+        {0, 1, 1, false, 2, "2222", 0, nullptr},
+        {0, 1, 1, false, 3, "wrong", kBad, "are now refused for 30 s"},
+        {0, 1, 1, false, 3, "3333", kLimit, "from 127.0.0.1 are refused for 30 s more"},
+        {0, 1, 1, false, 2, "2222", 0, nullptr},
+        // Ten level-4 guesses a minute are checked, from all addresses together; then not even
+        // the right password is looked at, until the budget has regained a guess (6 s).
+        {0, 2, 10, true, 4, "wrong", kBad, nullptr},
+        {0, 12, 1, false, 4, "4444", kLimit, "refused for 6 s more: wrong passwords from all"},
+        {6, 13, 1, false, 4, "4444", 0, nullptr},
+        {30, 1, 1, false, 3, "3333", 0, nullptr},
+    };
+    auto admin = connectAt(3);
+    std::map<int, std::unique_ptr<servicetest::rpc::PanelServiceClient>> clients;
+    for (const LoginCase& c : cases)
+    {
+        time.setSecond(c.second);
+        for (int n = 0; n < c.count; ++n)
+        {
+            const int x = c.from + (c.rotating ? n : 0);
+            auto& client = clients[x];
+            if (!client)
+            {
+                client = clientFrom(x, port());
+            }
+            servicetest::rpc::SessionInfo session;
+            std::string message;
+            EXPECT_EQ(refusal([&] { client->login(session, c.level, c.password); }, &message),
+                      c.code)
+                << "second " << c.second << ", 127.0.0." << x << ", level " << c.level;
+            if (c.says != nullptr)
+            {
+                EXPECT_NE(message.find(c.says), std::string::npos) << message;
+            }
+        }
+    }
+    EXPECT_EQ(rows(*admin, "loginFailed").size(), 15u);
+    EXPECT_EQ(rows(*admin, "loginBlocked").size(), 2u);
     const auto logins = rows(*admin, "login");
-    ASSERT_EQ(logins.size(), 2u);
+    ASSERT_EQ(logins.size(), 5u);
     EXPECT_EQ(logins[0].after, "3");
-    EXPECT_EQ(logins[0].sessionId, session.sessionId);
-    EXPECT_EQ(rows(*admin, "logout").size(), 1u);
+    EXPECT_EQ(logins[0].peer.rfind("127.0.0.1:", 0), 0u);
+}
+
+// A panel whose root is the panel element, holding its own level-4 password "4711", above a
+// hardware root.
+class PasswordHolder : public SessionLimits
+{
+protected:
+    void SetUp() override
+    {
+        panelFile_ = (std::filesystem::temp_directory_path() /
+                      ("egwd-holder-" + std::to_string(::getpid()) + ".json"))
+                         .string();
+        std::ofstream(panelFile_)
+            << R"({"version": 1, "name": "Annex panel", "root": {"key": "panel",
+                   "type": "CompactPanel", "properties": {"PasswordLevel4": "4711"},
+                   "children": [{"key": "hardware", "type": "CompactHardwareRoot"}]}})";
+        egwservice::ServiceSettings settings;
+        settings.logins.failuresAllowed = 1000;
+        settings.logins.guessesPerMinute = 10000;
+        start(settings, {"", panelFile_});
+    }
+    void TearDown() override
+    {
+        SessionLimits::TearDown();
+        std::filesystem::remove(panelFile_);
+    }
+
+    std::string panelFile_;
+};
+
+// Nothing below level 4 brings back the default passwords; level 4 may change or drop them.
+TEST_F(PasswordHolder, OnlyLevelFourChangesThePasswords)
+{
+    using Rpc = servicetest::rpc::PanelServiceClient;
+    auto guest = connect();
+    const std::int64_t root = (*guest)->getRoot();
+    std::vector<std::int64_t> children;
+    (*guest)->getChildren(children, root);
+    ASSERT_EQ(children.size(), 1u);
+    const std::int64_t hardware = children[0];
+    const std::string zeroLed = std::string(1, '\0') + "42";
+    struct Case
+    {
+        int level;
+        const char* what;
+        std::function<void(Rpc&)> change;
+        int code;
+        std::string opens; // the level-4 password afterwards
+    };
+    const std::vector<Case> cases = {
+        {3, "deleting the holder", [&](Rpc& c) { c.deleteElement(root); },
+         ErrorCode::ACCESS_DENIED, "4711"},
+        {3, "the waited delete of the holder",
+         [&](Rpc& c) { c.deleteElementWaited(root, {}, 2); }, ErrorCode::ACCESS_DENIED, "4711"},
+        {3, "resetting the holder's states", [&](Rpc& c) { c.resetToDefaultStates(root); }, 0,
+         "4711"},
+        {3, "deleting a subtree without it", [&](Rpc& c) { c.deleteElement(hardware); }, 0,
+         "4711"},
+        {4, "an empty password", [&](Rpc& c) { c.setBytes(root, 0x301F0, std::string(2, '\0')); },
+         ErrorCode::BAD_ARGUMENT, "4711"},
+        {4, "a password led by a zero byte", [&](Rpc& c) { c.setBytes(root, 0x301F0, zeroLed); },
+         0, zeroLed},
+        {4, "deleting the holder", [&](Rpc& c) { c.deleteElement(root); }, 0, "4444"},
+    };
+    std::string level4 = "4711";
+    for (const Case& c : cases)
+    {
+        auto client = connect();
+        servicetest::rpc::SessionInfo session;
+        (*client)->login(session, c.level, c.level == 4 ? level4 : "3333");
+        EXPECT_EQ(refusal([&] { c.change(*client->operator->()); }), c.code) << c.what;
+        level4 = c.opens;
+        auto check = connect();
+        EXPECT_EQ(refusal([&] { (*check)->login(session, 4, level4); }), 0) << c.what;
+        if (level4 != "4444")
+        {
+            EXPECT_EQ(refusal([&] { (*check)->login(session, 4, "4444"); }),
+                      ErrorCode::BAD_PASSWORD)
+                << c.what;
+        }
+    }
 }
 
 TEST_F(SessionLimits, SessionBeyondTheBoundIsRefused)

@@ -211,15 +211,6 @@ class PanelElementPasswordsTest(EgwdTestCase):
         self.addCleanup(self.folder.cleanup)  # runs after egwd's stop
         super().setUp()
 
-    def test_panel_value_replaces_the_default(self):
-        client = self.egwd.connect()
-        self.assertPanelError(ErrorCode.BAD_PASSWORD, client.login, 2, PASSWORDS[2])
-        self.assertEqual(client.login(2, "2468").accessLevel, 2)
-        # The other levels' passwords are the values the panel element took from the type library.
-        self.assertEqual(client.login(3, PASSWORDS[3]).accessLevel, 3)
-        self.assertEqual(client.login(3, "3131").accessLevel, 3)
-        self.assertEqual(client.login(4, PASSWORDS[4]).accessLevel, 4)
-
     def test_password_properties_need_level_4(self):
         panel = egwdProcess.collect_all(self.egwd.connect(), 0, PANEL_TYPE)
         self.assertEqual(len(panel), 1)

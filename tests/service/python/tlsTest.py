@@ -15,7 +15,7 @@ import time
 import unittest
 
 import egwdProcess
-from egwdProcess import EgwdTestCase
+from egwdProcess import PASSWORDS, EgwdTestCase, ErrorCode
 from thrift.protocol import TBinaryProtocol
 from thrift.transport import TSocket, TSSLSocket, TTransport
 from thrift.transport.TTransport import TTransportException
@@ -108,12 +108,16 @@ class MutualTlsTest(Certificates, EgwdTestCase):
     def setUp(self):
         self.egwd_arguments = ("--tls-cert", self.file("server.pem"),
                                "--tls-key", self.file("server.key"),
-                               "--tls-ca", self.file("ca.pem"))
+                               "--tls-ca", self.file("ca.pem"), "--login-guesses", "1")
         super().setUp()
 
     def test_clients_without_a_certificate_of_the_ca_are_refused_while_others_work(self):
         served = self.tls_client()
         self.assertEqual(served.echo(5), 5)
+        # A certified peer's logins spend the certified peers' own budget.
+        self.assertPanelError(ErrorCode.BAD_PASSWORD, served.login, 4, "4443")
+        error = self.assertPanelError(ErrorCode.LIMIT, served.login, 4, PASSWORDS[4])
+        self.assertIn("all peers with a client certificate", error.message)
         refused = {
             "plain TCP": self.plain_client,
             "no client certificate": lambda: self.tls_client(certificate=None),
