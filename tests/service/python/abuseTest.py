@@ -73,11 +73,15 @@ def connection_from(address, port):
     return socket.create_connection(("127.0.0.1", port), timeout=10, source_address=(address, 0))
 
 
-def client_from(address, port):
-    """A session whose connection comes from the given loopback address."""
+def echo_from(address, port):
+    """An echo by a session whose connection comes from the given loopback address."""
     sock = TSocket.TSocket("127.0.0.1", port)
     sock.handle = connection_from(address, port)
-    return PanelService.Client(TBinaryProtocol.TBinaryProtocol(TTransport.TFramedTransport(sock)))
+    try:
+        transport = TTransport.TFramedTransport(sock)
+        return PanelService.Client(TBinaryProtocol.TBinaryProtocol(transport)).echo(5)
+    finally:
+        sock.close()
 
 
 def closed_by_peer(connection, seconds):
@@ -135,7 +139,7 @@ class BoundsTest(EgwdTestCase):
                             pass  # closed by egwd: its address holds its share already
                     time.sleep(2.0 if request else 0.5)
                 start = time.monotonic()
-                self.assertEqual(client_from("127.0.0.2", self.egwd.port).echo(5), 5)
+                self.assertEqual(echo_from("127.0.0.2", self.egwd.port), 5)
                 seconds = time.monotonic() - start
                 print("\n%s from 127.0.0.1: a client from 127.0.0.2 served in %.3f s"
                       % (name, seconds), file=sys.stderr)
