@@ -337,7 +337,9 @@ private:
             }
         }
         BoundedStream stream(fd, ssl.get(), bounds_.write);
-        for (int left = bounds_.requestsPerConnection; left > 0 && this->is_running(); --left)
+        // The listening socket is closed when the page stops: no further request is read.
+        for (int left = bounds_.requestsPerConnection;
+             left > 0 && this->svr_sock_ != INVALID_SOCKET; --left)
         {
             const bool isFirst = left == bounds_.requestsPerConnection;
             if (!stream.requestBegins(isFirst ? first : Clock::now() + bounds_.keepAlive))

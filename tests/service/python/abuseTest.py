@@ -68,6 +68,9 @@ CLAIMS = [
      framed_call("login", struct.pack(">bhibhi", 8, 1, 2, 11, 2, 16000000))),
 ]
 
+# The first claim in the compact protocol: readProperties, a list of structs claiming 1,000,000.
+COMPACT_CLAIM = b"\x82\x21\x01\x0ereadProperties\x19\xfc\xc0\x84\x3d\x00"
+
 
 def connection_from(address, port):
     return socket.create_connection(("127.0.0.1", port), timeout=10, source_address=(address, 0))
@@ -123,6 +126,14 @@ class BoundsTest(EgwdTestCase):
                 for peer in peers:
                     peer.close()
                 self.assertEqual(self.egwd.connect().echo(3), 3)
+
+    def test_a_compact_claim_closes_its_connection_at_once(self):
+        compact = egwdProcess.Egwd("--protocol", "compact")
+        self.addCleanup(self.check_clean_stop, compact)
+        with connection_from("127.0.0.1", compact.port) as peer:
+            peer.sendall(struct.pack(">i", len(COMPACT_CLAIM)) + COMPACT_CLAIM)
+            self.assertTrue(closed_by_peer(peer, 2.0))
+        self.assertEqual(compact.connect().echo(2), 2)
 
     def test_another_address_is_served_whatever_one_address_does(self):
         echo = framed_call("echo", struct.pack(">bhq", 10, 1, 7))
