@@ -154,7 +154,8 @@ public:
         {
             if (ssl_ != nullptr)
             {
-                const int sent = SSL_write(ssl_, ptr, static_cast<int>(std::min<size_t>(size, INT_MAX)));
+                const int sent =
+                    SSL_write(ssl_, ptr, static_cast<int>(std::min<size_t>(size, INT_MAX)));
                 if (sent > 0)
                 {
                     return sent;
@@ -300,8 +301,7 @@ public:
     template <class... Args>
     explicit BoundedServer(const ConnectionBounds& bounds, Args&&... args)
         : Base(std::forward<Args>(args)...), bounds_(bounds),
-          slots_(std::make_shared<Slots>(bounds.connections, bounds.perAddress,
-                                         "page connections"))
+          slots_(std::make_shared<Slots>(bounds.connections, bounds.perAddress, "page connections"))
     {
     }
 
@@ -367,9 +367,9 @@ private:
         const long refused = ++refused_;
         const auto now = Clock::now().time_since_epoch().count();
         auto told = told_.load();
-        if (told == 0 || now - told >= std::chrono::duration_cast<Clock::duration>(
-                                           std::chrono::minutes(1))
-                                           .count())
+        if (told == 0 ||
+            now - told >=
+                std::chrono::duration_cast<Clock::duration>(std::chrono::minutes(1)).count())
         {
             if (told_.compare_exchange_strong(told, now))
             {
@@ -397,7 +397,7 @@ std::unique_ptr<httplib::Server> boundedPageServer(const ConnectionBounds& bound
         return std::make_unique<BoundedServer<httplib::Server>>(bounds);
     }
     return std::make_unique<BoundedServer<httplib::SSLServer>>(bounds, tlsCert.c_str(),
-                                                              tlsKey.c_str());
+                                                               tlsKey.c_str());
 }
 
 } // namespace egwservice

@@ -26,12 +26,12 @@ namespace egwservice
 
 struct ConnectionBounds
 {
-    long connections = 32;        // connections served at once (each holds a thread)
-    long perAddress = 8;          // of them from one peer address
-    std::chrono::milliseconds firstRequest{5000}; // a new connection's first request, whole
-    std::chrono::milliseconds request{10000};     // any request, whole, from its first byte
-    std::chrono::milliseconds keepAlive{2000};    // silence between requests
-    std::chrono::milliseconds write{5000};        // a reply the peer does not take
+    long connections = 32; // connections served at once (each holds a thread)
+    long perAddress = 8;   // of them from one peer address
+    std::chrono::milliseconds firstRequest{5000};       // a new connection's first request, whole
+    std::chrono::milliseconds request{10000};           // any request, whole, from its first byte
+    std::chrono::milliseconds keepAlive{2000};          // silence between requests
+    std::chrono::milliseconds write{5000};              // a reply the peer does not take
     std::size_t requestBytes = 1024 * 1024 + 64 * 1024; // head and body of one request
     int requestsPerConnection = 100;
 };

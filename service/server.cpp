@@ -165,8 +165,7 @@ class FrameClock : public apache::thrift::transport::TVirtualTransport<FrameCloc
 public:
     // On a TLS connection `handshakes` and `interrupt` are the listener's; otherwise null.
     FrameClock(std::shared_ptr<TSocket> socket, const ServerSettings& settings,
-               std::unique_ptr<Slots::Place> place,
-               std::shared_ptr<HandshakeDeadlines> handshakes,
+               std::unique_ptr<Slots::Place> place, std::shared_ptr<HandshakeDeadlines> handshakes,
                std::shared_ptr<THRIFT_SOCKET> interrupt)
         : TVirtualTransport(socket->getConfiguration()), socket_(std::move(socket)),
           receive_(settings.receiveTimeoutMs), idle_(settings.idleTimeoutMs),
@@ -207,8 +206,7 @@ public:
             follow(buffer, got);
             return got;
         }
-        socket_->setRecvTimeout(
-            leftMs(deadline_, served_ ? kFrameLate : kNoFirstRequest));
+        socket_->setRecvTimeout(leftMs(deadline_, served_ ? kFrameLate : kNoFirstRequest));
         const std::uint32_t got = socket_->read(buffer, length);
         follow(buffer, got);
         return got;
@@ -477,9 +475,8 @@ private:
     std::shared_ptr<HandshakeDeadlines> handshakes_ =
         tls_ ? std::make_shared<HandshakeDeadlines>() : nullptr;
     const ServerSettings settings_;
-    std::shared_ptr<Slots> slots_ =
-        std::make_shared<Slots>(settings_.maxConnections, settings_.maxConnectionsPerAddress,
-                                "connections");
+    std::shared_ptr<Slots> slots_ = std::make_shared<Slots>(
+        settings_.maxConnections, settings_.maxConnectionsPerAddress, "connections");
     std::atomic<long> refused_{0};
     Clock::time_point told_ = Clock::now() - std::chrono::minutes(2);
 };
@@ -520,8 +517,8 @@ PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
     // A request's lists hold at most the longest batch the service reads; a string at most what a
     // frame holds.
     WireLimits limits;
-    limits.longestList = static_cast<std::int32_t>(
-        std::min<std::size_t>(core.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
+    limits.longestList = static_cast<std::int32_t>(std::min<std::size_t>(
+        core.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
     limits.longestString = settings.maxFrameSize;
     server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
         std::make_shared<rpc::PanelServiceProcessorFactory>(std::make_shared<HandlerFactory>(core)),

@@ -23,8 +23,8 @@ namespace egwservice
 
 struct WireLimits
 {
-    std::int32_t longestList = 100000;     // items of one list, set or map in a request
-    std::int32_t longestString = 1048576;  // bytes of one string or binary in a request
+    std::int32_t longestList = 100000;    // items of one list, set or map in a request
+    std::int32_t longestString = 1048576; // bytes of one string or binary in a request
 };
 
 // The Thrift port's framed transport, each frame at most `maxFrameSize` bytes, and its protocol

@@ -100,7 +100,8 @@ protected:
         server.port = 0;
         // A test's clients all come from 127.0.0.1: the bound per address is the whole bound,
         // unless the test is about it.
-        if (server.maxConnectionsPerAddress == egwservice::ServerSettings().maxConnectionsPerAddress)
+        if (server.maxConnectionsPerAddress ==
+            egwservice::ServerSettings().maxConnectionsPerAddress)
         {
             server.maxConnectionsPerAddress = server.maxConnections;
         }
