@@ -76,6 +76,77 @@ void logReport(const char* expression, const char* function, const char*, int)
               << function << std::endl;
 }
 
+// Transport: TLS, plain TCP beyond loopback, and what one connection and one address may cost.
+void addTransportOptions(CLI::App& app, ServerSettings& server)
+{
+    app.add_option("--max-connections", server.maxConnections, "connections served at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--max-connections-per-address", server.maxConnectionsPerAddress,
+                   "connections served at once from one peer address")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--tls-cert", server.tlsCert,
+                   "PEM certificate (with its chain) to serve TLS with; needs --tls-key");
+    app.add_option("--tls-key", server.tlsKey, "PEM private key of --tls-cert");
+    app.add_option("--tls-ca", server.tlsCa,
+                   "PEM CA certificate(s): only clients with a certificate they signed are served");
+    app.add_flag("--insecure", server.insecure,
+                 "serve plain TCP on an address other than loopback (no TLS)");
+    app.add_option("--max-frame-size", server.maxFrameSize, "bytes of the largest request frame")
+        ->capture_default_str()
+        ->check(CLI::Range(1024, 256 * 1024 * 1024));
+    app.add_option("--first-request-timeout", server.firstRequestMs,
+                   "milliseconds in which a new connection's first request must have arrived")
+        ->capture_default_str()
+        ->check(CLI::Range(10, 3600000));
+    app.add_option("--receive-timeout", server.receiveTimeoutMs,
+                   "milliseconds in which a request, once begun, must have arrived")
+        ->capture_default_str()
+        ->check(CLI::Range(10, 3600000));
+    app.add_option("--idle-timeout", server.idleTimeoutMs,
+                   "milliseconds a connection may stay silent between requests")
+        ->capture_default_str()
+        ->check(CLI::Range(100, 7 * 86400000));
+}
+
+// The operator page: off unless --http-port is given; its sessions and connections are bounded
+// apart from the Thrift port's.
+void addPageOptions(CLI::App& app, PageSettings& page, int& httpPort)
+{
+    app.add_option("--http-port", httpPort,
+                   "port of the operator page in a browser (0: any free port; default: no page)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--http-address", page.address, "address of the operator page")
+        ->capture_default_str();
+    app.add_option("--http-host", page.hostNames,
+                   "a host name the page is reached by, besides its address and localhost "
+                   "(repeatable)");
+    app.add_option("--web-root", page.webRoot,
+                   "directory of the page's files (default: share/elementGateway/web beside the "
+                   "installed egwd, or the build tree's web)")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("--http-sessions", page.maxSessions, "browsers the page serves at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 10000));
+    app.add_option("--http-sessions-per-address", page.sessionsPerAddress,
+                   "of them from one peer address")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 10000));
+    app.add_option("--http-connections", page.connections.connections,
+                   "connections (threads) the page serves at once")
+        ->capture_default_str()
+        ->check(CLI::Range(2, 1000));
+    app.add_option("--http-connections-per-address", page.connections.perAddress,
+                   "of them from one peer address")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000));
+    app.add_option("--http-request-timeout", page.connections.request,
+                   "milliseconds in which a request to the page, once begun, must have arrived")
+        ->capture_default_str()
+        ->check(CLI::Range(100, 600000));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -101,28 +172,7 @@ int main(int argc, char** argv)
     app.add_option("--panel", files.panelFile, "panel configuration file (simulator; default: the "
                                                "sample panel)")
         ->check(CLI::ExistingFile);
-    app.add_option("--max-connections", server.maxConnections, "connections served at once")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 100000));
-    // Transport: TLS, plain TCP beyond loopback, and what one connection may cost.
-    app.add_option("--tls-cert", server.tlsCert,
-                   "PEM certificate (with its chain) to serve TLS with; needs --tls-key");
-    app.add_option("--tls-key", server.tlsKey, "PEM private key of --tls-cert");
-    app.add_option("--tls-ca", server.tlsCa,
-                   "PEM CA certificate(s): only clients with a certificate they signed are served");
-    app.add_flag("--insecure", server.insecure,
-                 "serve plain TCP on an address other than loopback (no TLS)");
-    app.add_option("--max-frame-size", server.maxFrameSize, "bytes of the largest request frame")
-        ->capture_default_str()
-        ->check(CLI::Range(1024, 256 * 1024 * 1024));
-    app.add_option("--receive-timeout", server.receiveTimeoutMs,
-                   "milliseconds in which a request, once begun, must have arrived")
-        ->capture_default_str()
-        ->check(CLI::Range(10, 3600000));
-    app.add_option("--idle-timeout", server.idleTimeoutMs,
-                   "milliseconds a connection may stay silent between requests")
-        ->capture_default_str()
-        ->check(CLI::Range(100, 7 * 86400000));
+    addTransportOptions(app, server);
     app.add_option("--queue-limit", service.queueLimit, "events queued per session")
         ->capture_default_str()
         ->check(CLI::Range(1, 1000000));
@@ -184,21 +234,13 @@ int main(int argc, char** argv)
                    "seconds without a request after which a session's login lapses (level 1)")
         ->capture_default_str()
         ->check(CLI::Range(1, 86400 * 7));
-    app.add_option("--max-sessions", service.maxSessions, "sessions open at once")
+    app.add_option("--max-sessions", service.maxSessions,
+                   "sessions open at once over the Thrift port (the page has its own bound)")
         ->capture_default_str()
         ->check(CLI::Range(1, 100000));
-    // The operator page: off unless --http-port is given.
     PageSettings page;
     int httpPort = -1;
-    app.add_option("--http-port", httpPort,
-                   "port of the operator page in a browser (0: any free port; default: no page)")
-        ->check(CLI::Range(0, 65535));
-    app.add_option("--http-address", page.address, "address of the operator page")
-        ->capture_default_str();
-    app.add_option("--web-root", page.webRoot,
-                   "directory of the page's files (default: share/elementGateway/web beside the "
-                   "installed egwd, or the build tree's web)")
-        ->check(CLI::ExistingDirectory);
+    addPageOptions(app, page, httpPort);
     try
     {
         app.parse(argc, argv);

@@ -1,7 +1,12 @@
 #include "service/httpListener.h"
 
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <mutex>
 
@@ -13,6 +18,7 @@
 #include <thrift/transport/TBufferTransports.h>
 
 #include "service/server.h"
+#include "service/wireLimits.h"
 
 namespace egwservice
 {
@@ -80,6 +86,33 @@ void answer(httplib::Response& response, int status, const std::string& text)
     response.set_content(text + "\n", "text/plain; charset=utf-8");
 }
 
+std::string lowered(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// Whether the request's Host names this listener: the address the connection came to, the
+// listener's address, localhost or a configured name, with the listener's port (which a browser
+// leaves out when it is the scheme's own). An Origin, when there is one, must be that same place.
+bool ownPlace(const httplib::Request& request, const PageSettings& settings, bool tls)
+{
+    const std::string host = lowered(request.get_header_value("Host"));
+    const std::string port = std::to_string(request.local_port);
+    const bool usualPort = request.local_port == (tls ? 443 : 80);
+    std::vector<std::string> names = settings.hostNames;
+    names.insert(names.end(), {request.local_addr, settings.address, "localhost"});
+    const bool named = std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+        const std::string shown =
+            name.find(':') != std::string::npos ? "[" + name + "]" : lowered(name);
+        return host == shown + ":" + port || (usualPort && host == shown);
+    });
+    const std::string origin = lowered(request.get_header_value("Origin"));
+    return named && !host.empty() &&
+           (!request.has_header("Origin") || origin == (tls ? "https://" : "http://") + host);
+}
+
 } // namespace
 
 // The browsers' sessions by cookie. A session's calls run one at a time, as on a Thrift
@@ -88,6 +121,7 @@ struct PageServer::Sessions
 {
     struct Session
     {
+        std::string address; // the peer's, without its port
         std::shared_ptr<PanelHandler> handler;
         rpc::PanelServiceProcessor processor;
         std::mutex calls;
@@ -103,19 +137,29 @@ struct PageServer::Sessions
 
     Sessions(ServiceCore& c, const PageSettings& s) : core(c), settings(s) {}
 
-    // A new session for the browser, or null when the bound is reached. The browser's old
-    // session, if it names one, ends.
-    std::string open(const std::string& previous, const std::string& peer)
+    // A new session for the browser, or empty with the reason in `why` when the page's bound
+    // or the address's share of it is reached. The browser's old session, if it names one, ends.
+    std::string open(const std::string& previous, const std::string& address, int port,
+                     std::string& why)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         byCookie.erase(previous);
         dropIdle();
-        if (byCookie.size() >= settings.maxSessions)
+        const auto fromAddress = static_cast<std::size_t>(
+            std::count_if(byCookie.begin(), byCookie.end(),
+                          [&](const auto& entry) { return entry.second->address == address; }));
+        if (byCookie.size() >= settings.maxSessions || fromAddress >= settings.sessionsPerAddress)
         {
+            why = fromAddress >= settings.sessionsPerAddress
+                      ? address + " holds " + std::to_string(settings.sessionsPerAddress) +
+                            " of the page's sessions already"
+                      : "the page serves no more browsers at once";
             return {};
         }
         std::string cookie = newCookie();
-        auto session = std::make_shared<Session>(std::make_shared<PanelHandler>(core, peer));
+        auto session = std::make_shared<Session>(std::make_shared<PanelHandler>(
+            core, address + ":" + std::to_string(port), 1, false, SessionBound::page));
+        session->address = address;
         session->lastUse = Clock::now();
         byCookie.emplace(cookie, std::move(session));
         return cookie;
@@ -148,6 +192,7 @@ struct PageServer::Sessions
 struct PageServer::Listener
 {
     std::unique_ptr<httplib::Server> server;
+    int socket = -1; // the listening socket, once made
 };
 
 PageServer::PageServer(ServiceCore& core, PageSettings settings)
@@ -169,27 +214,42 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
         throw PageRefused("the page's files are not found (no index.html in \"" +
                           settings_.webRoot + "\"): give --web-root");
     }
-    if (withTls)
+    listener_->server =
+        boundedPageServer(settings_.connections, settings_.tlsCert, settings_.tlsKey);
+    if (!listener_->server->is_valid())
     {
-        auto server = std::make_unique<httplib::SSLServer>(settings_.tlsCert.c_str(),
-                                                           settings_.tlsKey.c_str());
-        if (!server->is_valid())
-        {
-            throw PageRefused("the page's certificate or key does not load (" + settings_.tlsCert +
-                              ", " + settings_.tlsKey + ")");
-        }
-        listener_->server = std::move(server);
-    }
-    else
-    {
-        listener_->server = std::make_unique<httplib::Server>();
+        throw PageRefused("the page's certificate or key does not load (" + settings_.tlsCert +
+                          ", " + settings_.tlsKey + ")");
     }
     httplib::Server& http = *listener_->server;
-    const int threads = settings_.threads;
+    const auto threads = static_cast<std::size_t>(settings_.connections.connections);
     http.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     http.set_payload_max_length(settings_.maxBody);
-    http.set_keep_alive_timeout(2);
-    http.set_read_timeout(10);
+    // The listening socket, so that its backlog can be set once it is bound.
+    Listener* const listener = listener_.get();
+    http.set_socket_options([listener](socket_t socket) {
+        httplib::default_socket_options(socket);
+        listener->socket = socket;
+    });
+    // Every state-changing request names this listener; no request has more header lines than a
+    // browser sends.
+    const PageSettings& bounds = settings_;
+    http.set_pre_routing_handler([&bounds, withTls](const httplib::Request& request,
+                                                    httplib::Response& response) {
+        if (request.headers.size() > bounds.maxHeaders)
+        {
+            answer(response, 431, "more than " + std::to_string(bounds.maxHeaders) + " headers");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (request.method == "POST" && !ownPlace(request, bounds, withTls))
+        {
+            answer(response, 403,
+                   "refused: the request's Host or Origin is not this listener (another site's "
+                   "page cannot use the operator page's sessions)");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     // The page loads only its own files and talks only to this listener.
     http.set_default_headers({{"Content-Security-Policy",
                                "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'; "
@@ -214,16 +274,24 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
         {
             return answer(response, 415, std::string("a session is started with ") + kThriftJson);
         }
-        const std::string peer = request.remote_addr + ":" + std::to_string(request.remote_port);
-        const std::string cookie = sessions->open(cookieOf(request), peer);
+        std::string why;
+        const std::string cookie =
+            sessions->open(cookieOf(request), request.remote_addr, request.remote_port, why);
         if (cookie.empty())
         {
-            return answer(response, 503, "the page serves no more browsers at once");
+            return answer(response, 503, why);
         }
         response.set_header("Set-Cookie", std::string(kCookieName) + "=" + cookie + cookieFlags);
         answer(response, 200, "session started");
     });
-    http.Post("/thrift", [sessions](const httplib::Request& request, httplib::Response& response) {
+    // A call's lists hold at most the longest batch the service reads, and what its body holds.
+    WireLimits limits;
+    limits.longestList = static_cast<std::int32_t>(std::min<std::size_t>(
+        core_.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
+    limits.longestString = static_cast<std::int32_t>(
+        std::min<std::size_t>(settings_.maxBody, std::numeric_limits<std::int32_t>::max()));
+    http.Post("/thrift", [sessions, limits](const httplib::Request& request,
+                                            httplib::Response& response) {
         if (!isThriftJson(request))
         {
             return answer(response, 415, std::string("a call is sent as ") + kThriftJson);
@@ -249,7 +317,7 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
                 session->handler->hurryEvents();
                 lock.lock();
             }
-            auto input = std::make_shared<TJSONProtocol>(in);
+            const auto input = boundedJson(in, limits);
             auto output = std::make_shared<TJSONProtocol>(out);
             session->processor.process(input, output, nullptr);
         }
@@ -277,6 +345,11 @@ int PageServer::start()
     {
         throw PageRefused("the page cannot listen on " + settings_.address + ":" +
                           std::to_string(settings_.port));
+    }
+    // cpp-httplib listens with a backlog fixed when it was built; this one fits the page's bounds.
+    if (listener_->socket >= 0)
+    {
+        ::listen(listener_->socket, settings_.backlog);
     }
     thread_ = std::thread([&http] { http.listen_after_bind(); });
     return port;

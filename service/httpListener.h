@@ -5,6 +5,11 @@
 // A browser's session is a PanelHandler kept in a bounded map under a random cookie; POST
 // /session starts one, POST /thrift runs one call of it. Both want the Thrift JSON content type,
 // which a plain form of another site cannot send, and the cookie is HttpOnly and SameSite=Strict.
+// Both also want a Host header that names this listener, and an Origin, when the browser sends
+// one, of this listener: a page of another site, even one whose name is made to resolve to this
+// host, cannot start or use a session. The page's sessions have their own bound, apart from the
+// Thrift port's, and one address may hold only some of them; its connections are bounded as
+// service/pageConnections.h says.
 #ifndef SERVICE_HTTP_LISTENER_H
 #define SERVICE_HTTP_LISTENER_H
 
@@ -14,7 +19,9 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "service/pageConnections.h"
 #include "service/panelHandler.h"
 
 namespace egwservice
@@ -29,9 +36,15 @@ struct PageSettings
     std::string tlsKey;
     bool insecure = false;               // plain HTTP on an address other than loopback
     std::size_t maxSessions = 16;        // browsers served at once
+    std::size_t sessionsPerAddress = 4;  // of them from one peer address
     std::chrono::seconds idleLimit{300}; // a browser silent this long has its session dropped
-    std::size_t maxBody = 1024 * 1024;   // bytes of one request
-    int threads = 32;                    // requests served at once (a long poll holds one)
+    std::size_t maxBody = 1024 * 1024;   // bytes of one request's body
+    std::size_t maxHeaders = 64;         // header lines of one request
+    int backlog = 64;                    // connections waiting to be accepted
+    // Connections served at once (each holds a thread; a long poll holds one) and their bounds.
+    ConnectionBounds connections;
+    // Host names besides the listener's address and localhost that the page may be reached by.
+    std::vector<std::string> hostNames;
 };
 
 // Refused settings: a plain HTTP listener on a non-loopback address, half a TLS pair, a missing

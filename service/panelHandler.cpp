@@ -378,7 +378,8 @@ ServiceCore::~ServiceCore()
 
 // ---- Session ------------------------------------------------------------------------------------
 
-PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level, bool certified)
+PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level, bool certified,
+                           SessionBound bound)
     : core_(core),
       id_(core.newSessionId()),
       peer_(std::move(peer)),
@@ -386,16 +387,19 @@ PanelHandler::PanelHandler(ServiceCore& core, std::string peer, int level, bool 
       level_(level),
       lastRequest_(core.settings().clock()),
       client_(NewThriftClientInstance()),
-      events_(core.events().attach())
+      events_(core.events().attach()), counted_(bound == SessionBound::service)
 {
-    beyondBound_ = ++core_.openSessions > core_.settings().maxSessions;
+    beyondBound_ = counted_ && ++core_.openSessions > core_.settings().maxSessions;
 }
 
 PanelHandler::~PanelHandler()
 {
     core_.events().detach(events_);
     ThriftClient_Close(client_);
-    --core_.openSessions;
+    if (counted_)
+    {
+        --core_.openSessions;
+    }
 }
 
 template <typename Body>

@@ -92,13 +92,22 @@ private:
 
 class AuditedChange;
 
+// What a session counts against: the service's bound of sessions (Thrift connections, the panel
+// tool), or the operator page's own bound of browsers, which the page keeps itself.
+enum class SessionBound
+{
+    service,
+    page
+};
+
 class PanelHandler : public ::egw::rpc::PanelServiceIf
 {
 public:
     // A session at access level 1. A session opened in-process for the panel tool may start at a
     // higher level. `certified`: the connection showed a client certificate the service verified
     // (its logins are guarded apart from those of peers without one).
-    PanelHandler(ServiceCore& core, std::string peer, int level = 1, bool certified = false);
+    PanelHandler(ServiceCore& core, std::string peer, int level = 1, bool certified = false,
+                 SessionBound bound = SessionBound::service);
     ~PanelHandler() override;
     PanelHandler(const PanelHandler&) = delete;
     PanelHandler& operator=(const PanelHandler&) = delete;
@@ -236,6 +245,7 @@ private:
     bool beyondBound_ = false;
     ElementServerThriftClient* client_;
     std::shared_ptr<SessionQueue> events_;
+    const bool counted_; // in openSessions
     // The request being served, for the row of a refusal; one row per refused request.
     const char* operation_ = "";
     std::uint32_t requestUuid_ = 0;

@@ -18,9 +18,6 @@
 #include <mutex>
 #include <thread>
 
-#include <thrift/TConfiguration.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/protocol/TCompactProtocol.h>
 #include <thrift/server/TThreadedServer.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSSLServerSocket.h>
@@ -29,12 +26,14 @@
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TVirtualTransport.h>
 
+#include "service/slots.h"
+#include "service/wireLimits.h"
+
 namespace egwservice
 {
 namespace
 {
 
-using apache::thrift::TConfiguration;
 using apache::thrift::TConnectionInfo;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::transport::TServerSocket;
@@ -45,10 +44,6 @@ using apache::thrift::transport::TSSLSocketFactory;
 using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
 using Clock = std::chrono::steady_clock;
-
-// A string or list longer than this in a request is refused by the protocol before it is read.
-constexpr int kLongestString = 16 * 1024 * 1024;
-constexpr int kLongestList = 1000000;
 
 // Ends TLS handshakes that take longer than the receive timeout as a whole. The handshake runs
 // inside Thrift's TLS socket, whose waits are bounded one at a time, so a peer that sends its
@@ -160,24 +155,26 @@ private:
 // bound a frame sent a byte at a time. So this transport follows the frames itself: while no
 // frame has begun, a read may wait for the idle timeout; once the first byte of a frame has
 // come, the whole frame (its 4-byte length, then that many bytes) must arrive before the receive
-// deadline, and every read waits only for what is left of it. On a TLS connection the handshake
-// comes before the first frame: its first byte may take the idle timeout, the rest of it the
-// receive timeout.
+// deadline, and every read waits only for what is left of it. A new connection's first request
+// has a shorter bound than the idle timeout: a peer that connects and stays silent holds a place
+// for that long only. On a TLS connection the handshake comes before the first frame: its first
+// byte may take the first-request timeout, the rest of it the receive timeout, and the first
+// request's time starts when it has ended.
 class FrameClock : public apache::thrift::transport::TVirtualTransport<FrameClock>
 {
 public:
     // On a TLS connection `handshakes` and `interrupt` are the listener's; otherwise null.
     FrameClock(std::shared_ptr<TSocket> socket, const ServerSettings& settings,
-               std::shared_ptr<std::atomic<int>> open,
-               std::shared_ptr<HandshakeDeadlines> handshakes,
+               std::unique_ptr<Slots::Place> place, std::shared_ptr<HandshakeDeadlines> handshakes,
                std::shared_ptr<THRIFT_SOCKET> interrupt)
         : TVirtualTransport(socket->getConfiguration()), socket_(std::move(socket)),
           receive_(settings.receiveTimeoutMs), idle_(settings.idleTimeoutMs),
-          open_(std::move(open)), handshakes_(std::move(handshakes)),
-          interrupt_(std::move(interrupt))
+          firstRequest_(std::min(settings.firstRequestMs, settings.idleTimeoutMs)),
+          place_(std::move(place)), handshakes_(std::move(handshakes)),
+          interrupt_(std::move(interrupt)),
+          firstDeadline_(Clock::now() + std::chrono::milliseconds(firstRequest_))
     {
     }
-    ~FrameClock() override { --*open_; }
     FrameClock(const FrameClock&) = delete;
     FrameClock& operator=(const FrameClock&) = delete;
 
@@ -199,13 +196,17 @@ public:
         }
         if (headerSeen_ == 0 && bodyLeft_ == 0)
         {
-            socket_->setRecvTimeout(idle_);
+            socket_->setRecvTimeout(served_ ? idle_ : leftMs(firstDeadline_, kNoFirstRequest));
             const std::uint32_t got = socket_->read(buffer, length);
             deadline_ = Clock::now() + std::chrono::milliseconds(receive_);
+            if (!served_)
+            {
+                deadline_ = std::min(deadline_, firstDeadline_);
+            }
             follow(buffer, got);
             return got;
         }
-        socket_->setRecvTimeout(leftMs());
+        socket_->setRecvTimeout(leftMs(deadline_, served_ ? kFrameLate : kNoFirstRequest));
         const std::uint32_t got = socket_->read(buffer, length);
         follow(buffer, got);
         return got;
@@ -222,11 +223,11 @@ private:
         {
             wait[1].fd = *interrupt_;
         }
-        const int ready = ::poll(wait, 2, idle_);
+        const int ready = ::poll(wait, 2, firstRequest_);
         if (ready <= 0 || (wait[1].revents & POLLIN) != 0)
         {
             throw TTransportException(TTransportException::END_OF_FILE,
-                                      "no TLS handshake before the idle timeout");
+                                      "no TLS handshake within the first-request timeout");
         }
         const HandshakeDeadlines::Watch watch(*handshakes_, socket_->getSocketFD(), receive_);
         socket_->setRecvTimeout(receive_);
@@ -248,16 +249,21 @@ private:
             throw;
         }
         handshaken_ = true;
+        firstDeadline_ = Clock::now() + std::chrono::milliseconds(firstRequest_);
     }
 
-    int leftMs() const
+    static constexpr const char* kFrameLate = "a frame did not arrive within the receive timeout";
+    static constexpr const char* kNoFirstRequest =
+        "no whole request within the first-request timeout of a new connection";
+
+    // What is left until the deadline, for a socket wait (which takes 0 for "no limit").
+    static int leftMs(Clock::time_point deadline, const char* late)
     {
         const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         if (left <= 0)
         {
-            throw TTransportException(TTransportException::TIMED_OUT,
-                                      "a frame did not arrive within the receive timeout");
+            throw TTransportException(TTransportException::TIMED_OUT, late);
         }
         return static_cast<int>(left);
     }
@@ -276,6 +282,7 @@ private:
                     // An oversize or negative length is the framed transport's to refuse.
                     bodyLeft_ = length_ & 0x7fffffffu;
                     length_ = 0;
+                    served_ = served_ || bodyLeft_ == 0;
                 }
             }
             else
@@ -283,6 +290,7 @@ private:
                 const std::uint32_t take = std::min(count - i, bodyLeft_);
                 bodyLeft_ -= take;
                 i += take;
+                served_ = served_ || bodyLeft_ == 0;
             }
         }
     }
@@ -290,33 +298,17 @@ private:
     std::shared_ptr<TSocket> socket_;
     const int receive_;
     const int idle_;
-    std::shared_ptr<std::atomic<int>> open_;
+    const int firstRequest_;
+    std::unique_ptr<Slots::Place> place_;
     std::shared_ptr<HandshakeDeadlines> handshakes_;
     std::shared_ptr<THRIFT_SOCKET> interrupt_; // readable when the server stops
+    Clock::time_point firstDeadline_;
+    bool served_ = false; // a whole frame has come
     Clock::time_point deadline_;
     std::uint32_t length_ = 0;
     int headerSeen_ = 0;
     std::uint32_t bodyLeft_ = 0;
     bool handshaken_ = false;
-};
-
-// The framed transport over a connection's FrameClock, with the frame size bound.
-class FramedFactory : public apache::thrift::transport::TTransportFactory
-{
-public:
-    explicit FramedFactory(int maxFrameSize)
-        : configuration_(std::make_shared<TConfiguration>(
-              static_cast<int>(TConfiguration::DEFAULT_MAX_MESSAGE_SIZE), maxFrameSize))
-    {
-    }
-    std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> connection) override
-    {
-        return std::make_shared<apache::thrift::transport::TFramedTransport>(connection,
-                                                                             configuration_);
-    }
-
-private:
-    std::shared_ptr<TConfiguration> configuration_;
 };
 
 class HandlerFactory : public rpc::PanelServiceIfFactory
@@ -428,9 +420,9 @@ void checkSettings(const ServerSettings& settings)
     }
 }
 
-// The listening socket with the connection bound: a connection beyond it is accepted and closed
-// at once, so its peer learns at once instead of waiting in the listen backlog, and the server's
-// own bound is never reached and never stops accepting.
+// The listening socket with the connection bounds, in all and per peer address: a connection
+// beyond one is accepted and closed at once, so its peer learns at once instead of waiting in the
+// listen backlog, and the server's own bound is never reached and never stops accepting.
 class PanelServer::BoundedListener : public TServerTransport
 {
 public:
@@ -455,29 +447,28 @@ protected:
         for (;;)
         {
             auto connection = std::dynamic_pointer_cast<TSocket>(socket_->accept());
-            if (*open_ < settings_.maxConnections)
+            std::string why;
+            if (auto place = slots_->take(connection->getPeerAddress(), why))
             {
-                ++*open_;
-                return std::make_shared<FrameClock>(std::move(connection), settings_, open_,
-                                                    handshakes_,
+                return std::make_shared<FrameClock>(std::move(connection), settings_,
+                                                    std::move(place), handshakes_,
                                                     tls_ ? tls_->stopSignal() : nullptr);
             }
             connection->close();
-            tellRefused();
+            tellRefused(why);
         }
     }
 
 private:
     // Said once a minute at most, so that a flood of connections does not flood the log.
-    void tellRefused()
+    void tellRefused(const std::string& why)
     {
         ++refused_;
         const auto now = Clock::now();
         if (now - told_ >= std::chrono::minutes(1))
         {
             told_ = now;
-            std::cerr << "egwd: all " << settings_.maxConnections
-                      << " connections are in use; closing new ones at once (" << refused_
+            std::cerr << "egwd: " << why << "; closing such new ones at once (" << refused_
                       << " so far)" << std::endl;
         }
     }
@@ -487,7 +478,8 @@ private:
     std::shared_ptr<HandshakeDeadlines> handshakes_ =
         tls_ ? std::make_shared<HandshakeDeadlines>() : nullptr;
     const ServerSettings settings_;
-    std::shared_ptr<std::atomic<int>> open_ = std::make_shared<std::atomic<int>>(0);
+    std::shared_ptr<Slots> slots_ = std::make_shared<Slots>(
+        settings_.maxConnections, settings_.maxConnectionsPerAddress, "connections");
     std::atomic<long> refused_{0};
     Clock::time_point told_ = Clock::now() - std::chrono::minutes(2);
 };
@@ -525,21 +517,15 @@ PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
     socket->setSendTimeout(settings.receiveTimeoutMs);
     listener_ = std::make_shared<BoundedListener>(socket, settings);
     listening_->listener = listener_;
-    std::shared_ptr<apache::thrift::protocol::TProtocolFactory> protocol;
-    if (settings.compact)
-    {
-        protocol = std::make_shared<apache::thrift::protocol::TCompactProtocolFactory>(
-            kLongestString, kLongestList);
-    }
-    else
-    {
-        protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocolFactory>(
-            kLongestString, kLongestList, false, true);
-    }
-    const auto handlers = std::make_shared<HandlerFactory>(core, !settings.tlsCa.empty());
+    // A request's lists hold at most the longest batch the service reads; a string at most what a
+    // frame holds.
+    WireLimits limits;
+    limits.longestList = static_cast<std::int32_t>(std::min<std::size_t>(
+        core.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
+    limits.longestString = settings.maxFrameSize;
     server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
-        std::make_shared<rpc::PanelServiceProcessorFactory>(handlers),
-        listener_, std::make_shared<FramedFactory>(settings.maxFrameSize), protocol);
+        std::make_shared<rpc::PanelServiceProcessorFactory>(std::make_shared<HandlerFactory>(core, !settings.tlsCa.empty())),
+        listener_, boundedFrames(settings.maxFrameSize), boundedProtocol(settings.compact, limits));
     // The listener keeps the bound; the server's own one would stop accepting instead.
     server_->setConcurrentClientLimit(std::numeric_limits<int>::max());
     server_->setServerEventHandler(listening_);

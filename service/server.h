@@ -6,10 +6,12 @@
 // connection's handler object is the natural home of its session, and a thread costs little
 // resident memory while it waits.
 //
-// What a peer can cost the server is bounded: the number of connections (one beyond the bound is
-// accepted and closed at once, so it learns at once instead of waiting in the listen backlog), the
-// size of a frame, the time a frame that has begun may take to arrive, and the time a connection
-// may stay silent between requests. With a certificate and key the server speaks TLS; with a CA
+// What a peer can cost the server is bounded: the number of connections, in all and from one
+// address (one beyond a bound is accepted and closed at once, so it learns at once instead of
+// waiting in the listen backlog), the size of a frame and of the lists and strings it claims
+// (service/wireLimits.h), the time a new connection may take to send its first request, the time
+// a frame that has begun may take to arrive, and the time a connection may stay silent between
+// requests. With a certificate and key the server speaks TLS; with a CA
 // file it also demands a client certificate signed by that CA.
 #ifndef SERVICE_SERVER_H
 #define SERVICE_SERVER_H
@@ -35,6 +37,8 @@ struct ServerSettings
     int port = 9190;      // 0: any free port
     bool compact = false; // the compact protocol instead of the binary one
     int maxConnections = 64;
+    // Connections from one peer address: what one host can hold, so that another is served.
+    int maxConnectionsPerAddress = 16;
 
     // TLS: PEM files. The certificate (with its chain) and key go together; with `tlsCa` the
     // server requires a client certificate that this CA signed (mutual TLS). Empty: plain TCP.
@@ -46,6 +50,7 @@ struct ServerSettings
 
     int maxFrameSize = 1048576;   // bytes of one frame, its 4-byte header not counted
     int receiveTimeoutMs = 10000; // a frame that has begun must have arrived within this
+    int firstRequestMs = 5000;    // a new connection's first request must have arrived within this
     int idleTimeoutMs = 300000;   // silence between requests before the connection is closed
 
     bool tls() const { return !tlsCert.empty(); }

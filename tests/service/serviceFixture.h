@@ -111,6 +111,13 @@ protected:
         core_ = std::make_unique<egwservice::ServiceCore>(settings, *events_, std::move(audit));
         server.address = "127.0.0.1";
         server.port = 0;
+        // A test's clients all come from 127.0.0.1: the bound per address is the whole bound,
+        // unless the test is about it.
+        if (server.maxConnectionsPerAddress ==
+            egwservice::ServerSettings().maxConnectionsPerAddress)
+        {
+            server.maxConnectionsPerAddress = server.maxConnections;
+        }
         server_ = std::make_unique<egwservice::PanelServer>(*core_, server);
         std::promise<int> bound;
         auto port = bound.get_future();

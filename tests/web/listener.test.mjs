@@ -1,18 +1,22 @@
-// The page's HTTP side without a browser: what it refuses (another site's form, a call without a
-// session, an oversized body, a plain listener off loopback) and the cookie it gives.
+// The page's HTTP side without a browser: what it refuses (another site's form or page, a call
+// without a session, an oversized body or list, a plain listener off loopback), the cookie it
+// gives, and what one address can hold of it while another is served.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync, spawnSync } from 'node:child_process';
 import { readFileSync } from 'node:fs';
+import http from 'node:http';
 import https from 'node:https';
-import { startEgwd, stopEgwd, workDir } from './egwd.mjs';
+import net from 'node:net';
+import { startEgwd, stopEgwd, workDir, connectClient } from './egwd.mjs';
 
 const JSON_TYPE = 'application/vnd.apache.thrift.json';
 // getSession() in the Thrift JSON protocol.
 const GET_SESSION = '[1,"getSession",1,0,{}]';
 let egwd;
 
-before(async () => { egwd = await startEgwd(); });
+// Two Thrift sessions at most: the page's sessions must not take them.
+before(async () => { egwd = await startEgwd(0, ['--max-sessions', '2', '--http-request-timeout', '3000']); });
 after(async () => { if (egwd) await stopEgwd(egwd); });
 
 const post = (path, type, body, cookie) => fetch(new URL(path, egwd.url), {
@@ -21,11 +25,36 @@ const post = (path, type, body, cookie) => fetch(new URL(path, egwd.url), {
     body,
 });
 
+// One request from a loopback address of its own choosing: status, text and the cookie given.
+function request(path, { headers = {}, body = '', from = '127.0.0.1' } = {}) {
+    return new Promise((resolve, reject) => {
+        const sent = http.request(new URL(path, egwd.url), {
+            method: 'POST', localAddress: from, agent: false,
+            headers: { 'Content-Type': JSON_TYPE, 'Content-Length': Buffer.byteLength(body), ...headers },
+        }, (response) => {
+            let text = '';
+            response.setEncoding('utf8');
+            response.on('data', (chunk) => { text += chunk; });
+            response.on('end', () => resolve({
+                status: response.statusCode, text, cookie: response.headers['set-cookie']?.[0].split(';')[0],
+            }));
+        });
+        sent.setTimeout(10000, () => sent.destroy(new Error(`no answer to ${path} within 10 s`)));
+        sent.on('error', reject);
+        sent.end(body);
+    });
+}
+const vmRss = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${egwd.child.pid}/status`, 'utf8'))[1]);
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
 let sessionsStarted = 0;
+let lastCookie; // of the last session() from 127.0.0.1
+let spareCookie; // a session for the last test, which comes when every place is taken
 async function session() {
     const response = await post('/session', JSON_TYPE, '');
     assert.equal(response.status, 200);
     sessionsStarted++;
+    lastCookie = response.headers.get('set-cookie').split(';')[0];
     return response.headers.get('set-cookie');
 }
 
@@ -83,16 +112,104 @@ test('the page and its files are served with a strict content policy', async () 
     assert.equal((await fetch(new URL('/../CMakeCache.txt', egwd.url))).status, 404);
 });
 
-test('the page serves 16 browsers at once; a browser starting again gives its old session up', async () => {
+test('state-changing requests must name this listener in Host and Origin', async () => {
+    const own = egwd.url.slice(0, -1);
     let cookie;
-    while (sessionsStarted < 16) cookie = (await session()).split(';')[0];
-    const refused = await post('/session', JSON_TYPE, '');
+    const cases = [
+        ['another host', { Host: 'panel.example' }, 403],
+        ['another port', { Host: '127.0.0.1:1' }, 403],
+        ['another site\'s page', { Origin: 'http://panel.example' }, 403],
+        ['a page of no origin', { Origin: 'null' }, 403],
+        ['its own page', { Origin: own }, 200],
+        ['localhost', { Host: `localhost:${egwd.httpPort}` }, 200],
+    ];
+    for (const [what, headers, status] of cases) {
+        const answer = await request('/session', { headers: { ...headers, ...(cookie && { Cookie: cookie }) }, from: '127.0.0.6' });
+        assert.equal(answer.status, status, what);
+        if (status === 403) assert.match(answer.text, /Host or Origin is not this listener/);
+        cookie = answer.cookie ?? cookie;
+    }
+    sessionsStarted++; // the second one took the first one's place
+    const call = await request('/thrift', { headers: { Cookie: cookie, Origin: 'http://panel.example' }, body: GET_SESSION, from: '127.0.0.6' });
+    assert.equal(call.status, 403);
+});
+
+test('page sessions: four per address, sixteen in all, none of the Thrift port\'s', async () => {
+    // The tests above started four from 127.0.0.1: its share.
+    const cookie = lastCookie;
+    const refused = await request('/session');
     assert.equal(refused.status, 503);
-    assert.match(await refused.text(), /no more browsers/);
+    assert.match(refused.text, /127\.0\.0\.1 holds 4 of the page's sessions/);
     // The same browser again: its old session ends, the new one takes its place.
-    const again = await post('/session', JSON_TYPE, '', cookie);
-    assert.equal(again.status, 200);
+    assert.equal((await request('/session', { headers: { Cookie: cookie } })).status, 200);
     assert.equal((await post('/thrift', JSON_TYPE, GET_SESSION, cookie)).status, 403);
+    // Another address is served at once, until the page's bound.
+    const started = Date.now();
+    const other = await request('/session', { from: '127.0.0.2' });
+    assert.equal(other.status, 200);
+    assert.ok(Date.now() - started < 1000);
+    spareCookie = other.cookie;
+    sessionsStarted++;
+    for (let address = 3; sessionsStarted < 16 && address < 10; sessionsStarted++) {
+        const answer = await request('/session', { from: `127.0.0.${address}` });
+        if (answer.status === 503) address++, sessionsStarted--;
+        else assert.equal(answer.status, 200);
+    }
+    const full = await request('/session', { from: '127.0.0.10' });
+    assert.equal(full.status, 503);
+    assert.match(full.text, /no more browsers/);
+    // Sixteen page sessions, and the Thrift port still has both of its own.
+    const clients = [await connectClient(egwd.thriftPort), await connectClient(egwd.thriftPort)];
+    for (const client of clients) assert.equal(Number(await client.echo(4)), 4);
+    clients.forEach((client) => client.close());
+});
+
+test('one address\'s slow or oversized requests neither take the page nor leave memory behind', async () => {
+    const idle = vmRss();
+    // 40 clients from 127.0.0.1 send a request head a line a second; another address is served.
+    const slow = [];
+    const closed = [];
+    for (let i = 0; i < 40; i++) {
+        const peer = net.connect({ host: '127.0.0.1', port: egwd.httpPort, localAddress: '127.0.0.1' });
+        peer.on('error', () => {});
+        peer.resume();
+        closed.push(new Promise((resolve) => peer.on('close', () => resolve(Date.now()))));
+        peer.write(`POST /session HTTP/1.1\r\nHost: 127.0.0.1:${egwd.httpPort}\r\n`);
+        slow.push(peer);
+    }
+    const drip = setInterval(() => slow.forEach((peer) => peer.writable && peer.write('X-Slow: 1\r\n')), 1000);
+    try {
+        await sleep(1500);
+        const started = Date.now();
+        assert.equal((await fetch(egwd.url)).status, 200); // only 127.0.0.1 is held
+        assert.ok(Date.now() - started < 1000, `the page answered after ${Date.now() - started} ms`);
+        // Each loses its connection by the request timeout (3 s here).
+        const ends = await Promise.race([Promise.all(closed), sleep(6000).then(() => null)]);
+        assert.ok(ends, 'slow clients still connected 6 s on');
+    } finally {
+        clearInterval(drip);
+        slow.forEach((peer) => peer.destroy());
+    }
+    // Eight connections sending a million headers each, and a call claiming 50,000,000 items.
+    const head = `GET / HTTP/1.1\r\nHost: 127.0.0.1:${egwd.httpPort}\r\n`;
+    const flood = Buffer.from(head + 'X-Flood: 1\r\n'.repeat(1000000) + '\r\n');
+    const answers = await Promise.all(Array.from({ length: 8 }, () => new Promise((resolve) => {
+        const peer = net.connect({ host: '127.0.0.1', port: egwd.httpPort, localAddress: '127.0.0.3' });
+        let first = '';
+        peer.on('data', (chunk) => { first += chunk; });
+        peer.on('error', () => {});
+        peer.on('close', () => resolve(first.split('\r\n')[0]));
+        peer.end(flood);
+    })));
+    // Refused after the first 32 KiB of the head; the refusal may be lost to the connection's
+    // reset while the peer is still sending.
+    assert.ok(answers.every((line) => line === '' || line === 'HTTP/1.1 400 Bad Request'), answers.join());
+    const claimed = await request('/thrift', {
+        headers: { Cookie: spareCookie }, body: '[1,"readProperties",1,0,{"1":{"lst":["rec",50000000]}}]',
+    });
+    assert.equal(claimed.status, 400);
+    assert.match(claimed.text, /a list of 50000000 items; a request carries at most/);
+    assert.ok(vmRss() < idle + 64 * 1024, `egwd grew from ${idle} KiB to ${vmRss()} KiB`);
 });
 
 test('plain HTTP off the loopback address is refused at the start', () => {

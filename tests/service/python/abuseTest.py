@@ -1,6 +1,8 @@
 """egwd's resident memory under 10,000 abusive connections: garbage, half frames left to the
 receive timeout, oversize frame headers, and connections closed at once. It must stay within
-10 % of what it was after a warm-up, and egwd must still serve afterwards. Prints the figures.
+10 % of what it was after a warm-up, and egwd must still serve afterwards. Requests whose lists
+or strings claim more than they carry cost nothing, and whatever one address does with its
+connections, a client from another address is served within a second. Prints the figures.
 
     /usr/bin/python3 abuseTest.py --egwd <egwd> [--egw <egw>] [--example <example>]
 """
@@ -14,6 +16,10 @@ import time
 
 import egwdProcess
 from egwdProcess import EgwdTestCase
+from thrift.protocol import TBinaryProtocol
+from thrift.transport import TSocket, TTransport
+
+from egw_rpc import PanelService
 
 RECEIVE_MS = 300
 BATCH = 500
@@ -47,9 +53,115 @@ ABUSES = [
 ]
 
 
+def framed_call(name, arguments):
+    """A framed call in the binary protocol with hand-made arguments, as a peer may send it."""
+    body = (struct.pack(">Ii", 0x80010001, len(name)) + name.encode() + struct.pack(">i", 1)
+            + arguments + b"\x00")
+    return struct.pack(">i", len(body)) + body
+
+
+# Requests whose first list or string claims far more than the frame carries.
+CLAIMS = [
+    ("readProperties claiming 1,000,000 refs",
+     framed_call("readProperties", struct.pack(">bhbi", 15, 1, 12, 1000000))),
+    ("login claiming a password of 16,000,000 bytes",
+     framed_call("login", struct.pack(">bhibhi", 8, 1, 2, 11, 2, 16000000))),
+]
+
+# The first claim in the compact protocol: readProperties, a list of structs claiming 1,000,000.
+COMPACT_CLAIM = b"\x82\x21\x01\x0ereadProperties\x19\xfc\xc0\x84\x3d\x00"
+
+
+def connection_from(address, port):
+    return socket.create_connection(("127.0.0.1", port), timeout=10, source_address=(address, 0))
+
+
+def echo_from(address, port):
+    """An echo by a session whose connection comes from the given loopback address."""
+    sock = TSocket.TSocket("127.0.0.1", port)
+    sock.handle = connection_from(address, port)
+    try:
+        transport = TTransport.TFramedTransport(sock)
+        return PanelService.Client(TBinaryProtocol.TBinaryProtocol(transport)).echo(5)
+    finally:
+        sock.close()
+
+
+def closed_by_peer(connection, seconds):
+    connection.settimeout(seconds)
+    try:
+        return connection.recv(1) == b""
+    except ConnectionResetError:
+        return True
+    except socket.timeout:
+        return False
+
+
+class BoundsTest(EgwdTestCase):
+    """egwd with its default bounds against one address that takes what it can."""
+
+    def rss_while(self, seconds):
+        """The highest and the last VmRSS of egwd, sampled for that long."""
+        highest, end = 0, time.monotonic() + seconds
+        while time.monotonic() < end:
+            highest = max(highest, status_field(self.egwd.process.pid, "VmRSS"))
+            time.sleep(0.05)
+        return highest, status_field(self.egwd.process.pid, "VmRSS")
+
+    def test_claims_beyond_the_frame_are_refused_without_allocating(self):
+        idle = status_field(self.egwd.process.pid, "VmRSS")
+        for name, frame in CLAIMS:
+            with self.subTest(name):
+                # 64 peers over four addresses (16 each, the bound per address), then silence.
+                peers = [connection_from("127.0.0.%d" % (10 + i % 4), self.egwd.port)
+                         for i in range(64)]
+                for peer in peers:
+                    peer.sendall(frame)
+                highest, last = self.rss_while(2.0)
+                print("\n%s: 64 peers, VmRSS %d KiB idle, %d KiB at most, %d KiB after"
+                      % (name, idle, highest, last), file=sys.stderr)
+                self.assertLess(highest, idle + 256 * 1024)
+                self.assertLess(last, idle + 64 * 1024)
+                self.assertTrue(all(closed_by_peer(peer, 2.0) for peer in peers))
+                for peer in peers:
+                    peer.close()
+                self.assertEqual(self.egwd.connect().echo(3), 3)
+
+    def test_a_compact_claim_closes_its_connection_at_once(self):
+        compact = egwdProcess.Egwd("--protocol", "compact")
+        self.addCleanup(self.check_clean_stop, compact)
+        with connection_from("127.0.0.1", compact.port) as peer:
+            peer.sendall(struct.pack(">i", len(COMPACT_CLAIM)) + COMPACT_CLAIM)
+            self.assertTrue(closed_by_peer(peer, 2.0))
+        self.assertEqual(compact.connect().echo(2), 2)
+
+    def test_another_address_is_served_whatever_one_address_does(self):
+        echo = framed_call("echo", struct.pack(">bhq", 10, 1, 7))
+        holders = [("100 silent connections", 100, b""),
+                   ("64 clients asking every 2 s", 64, echo)]
+        for name, count, request in holders:
+            with self.subTest(name):
+                held = [connection_from("127.0.0.1", self.egwd.port) for _ in range(count)]
+                for _ in range(2):  # the clients that ask, ask twice 2 s apart
+                    for peer in held:
+                        try:
+                            peer.sendall(request)
+                        except OSError:
+                            pass  # closed by egwd: its address holds its share already
+                    time.sleep(2.0 if request else 0.5)
+                start = time.monotonic()
+                self.assertEqual(echo_from("127.0.0.2", self.egwd.port), 5)
+                seconds = time.monotonic() - start
+                print("\n%s from 127.0.0.1: a client from 127.0.0.2 served in %.3f s"
+                      % (name, seconds), file=sys.stderr)
+                self.assertLess(seconds, 1.0)
+                for peer in held:
+                    peer.close()
+
+
 class AbuseTest(EgwdTestCase):
     egwd_arguments = ("--receive-timeout", str(RECEIVE_MS), "--max-connections", "2000",
-                      "--max-sessions", "100000")
+                      "--max-connections-per-address", "2000", "--max-sessions", "100000")
 
     def batch(self, rand):
         """BATCH connections, a quarter of each abuse; the half frames are left open until
