@@ -634,9 +634,8 @@ TEST_F(Records, EveryEventOfEightWritersIsStoredAndEveryChangeHasItsRow)
     settings.followPanel = true;
     startService({}, settings);
     auto probe = connectAt(3);
-    std::vector<rpc::Uuid> all;
     std::vector<rpc::Uuid> elements; // each writer its own, with a fire-alarm state group
-    (*probe)->collectSubtree(all, 0, 0);
+    const std::vector<rpc::Uuid> all = collectAll(*probe, 0, 0);
     for (std::size_t i = 0; i < all.size() && elements.size() < 8; ++i)
     {
         if (refusal([&] { (*probe)->getState(all[i], kFireAlarmGroup); }) == 0)
