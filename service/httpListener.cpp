@@ -284,10 +284,9 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
         response.set_header("Set-Cookie", std::string(kCookieName) + "=" + cookie + cookieFlags);
         answer(response, 200, "session started");
     });
-    // A call's lists hold at most the longest batch the service reads, and what its body holds.
+    // A call's lists and strings are held to what its body holds (and lists to longestListFor).
     WireLimits limits;
-    limits.longestList = static_cast<std::int32_t>(std::min<std::size_t>(
-        core_.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
+    limits.longestList = longestListFor(core_.settings().batchLimit);
     limits.longestString = static_cast<std::int32_t>(
         std::min<std::size_t>(settings_.maxBody, std::numeric_limits<std::int32_t>::max()));
     http.Post("/thrift", [sessions, limits](const httplib::Request& request,

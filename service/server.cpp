@@ -517,11 +517,9 @@ PanelServer::PanelServer(ServiceCore& core, const ServerSettings& settings)
     socket->setSendTimeout(settings.receiveTimeoutMs);
     listener_ = std::make_shared<BoundedListener>(socket, settings);
     listening_->listener = listener_;
-    // A request's lists hold at most the longest batch the service reads; a string at most what a
-    // frame holds.
+    // A request's lists are held to longestListFor, a string to what a frame holds.
     WireLimits limits;
-    limits.longestList = static_cast<std::int32_t>(std::min<std::size_t>(
-        core.settings().batchLimit, std::numeric_limits<std::int32_t>::max()));
+    limits.longestList = longestListFor(core.settings().batchLimit);
     limits.longestString = settings.maxFrameSize;
     server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
         std::make_shared<rpc::PanelServiceProcessorFactory>(std::make_shared<HandlerFactory>(core, !settings.tlsCa.empty())),

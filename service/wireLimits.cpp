@@ -1,6 +1,7 @@
 #include "service/wireLimits.h"
 
 #include <algorithm>
+#include <limits>
 #include <functional>
 #include <string>
 #include <type_traits>
@@ -215,6 +216,12 @@ boundedJson(std::shared_ptr<apache::thrift::transport::TMemoryBuffer> body, Wire
     const apache::thrift::transport::TMemoryBuffer* const raw = body.get();
     return std::make_shared<Bounded<apache::thrift::protocol::TJSONProtocol>>(
         std::move(body), [raw] { return raw->available_read(); }, limits);
+}
+
+std::int32_t longestListFor(std::size_t batchLimit)
+{
+    constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(batchLimit >= kMost / 10 ? kMost : batchLimit * 10);
 }
 
 } // namespace egwservice

@@ -12,6 +12,7 @@
 #ifndef SERVICE_WIRE_LIMITS_H
 #define SERVICE_WIRE_LIMITS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -26,6 +27,12 @@ struct WireLimits
     std::int32_t longestList = 100000;    // items of one list, set or map in a request
     std::int32_t longestString = 1048576; // bytes of one string or binary in a request
 };
+
+// The longest list the protocol lets through to the operations, for a service whose longest batch
+// is `batchLimit`: a list somewhat over the batch still reaches its operation, which refuses it by
+// name (LIMIT, "at most N") with the connection kept; a claim ten times over is no request of a
+// client that read the documentation, and is dropped before anything is allocated.
+std::int32_t longestListFor(std::size_t batchLimit);
 
 // The Thrift port's framed transport, each frame at most `maxFrameSize` bytes, and its protocol
 // (binary or compact) over it with the limits.
