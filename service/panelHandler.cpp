@@ -562,7 +562,8 @@ void PanelHandler::recordSession(const char* operation, const std::optional<std:
     row.after = after;
     row.result = result;
     // A failed or refused login is a refusal: at level 1 counted with its like (refusalLog.h).
-    if (std::string_view(operation) == "loginFailed" || std::string_view(operation) == "loginBlocked")
+    if (std::string_view(operation) == "loginFailed" ||
+        std::string_view(operation) == "loginBlocked")
     {
         core_.refusals().record(std::move(row));
         return;

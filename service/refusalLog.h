@@ -56,9 +56,9 @@ private:
         std::int64_t refusals = 0; // not yet in a row
         std::int64_t firstMs = 0;
         std::int64_t lastMs = 0;
-        AuditRecord row; // the last refusal's; session and uuid 0 when they differed
-        SteadyTime lastRow{};     // when the count's last row was written
-        bool written = false;     // a row was written within the period
+        AuditRecord row;      // the last refusal's; session and uuid 0 when they differed
+        SteadyTime lastRow{}; // when the count's last row was written
+        bool written = false; // a row was written within the period
     };
 
     bool writeLocked(const Key& key, Count& count, SteadyTime now, bool bounded);
