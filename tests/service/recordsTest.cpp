@@ -389,7 +389,7 @@ TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
     refuse("10.0.0.1:5001", "addElement", 1, 2);
     refuse("10.0.0.2:7000", "setState", 1, 40);   // a third address: counted as "*"
     refuse("10.0.0.3:7000", "setState", 2, 2);    // logged in: rows of their own
-    refuse("10.0.0.1:5002", "loginFailed", 1, 1); // beyond the period's three rows
+    refuse("10.0.0.1:5002", "loginBlocked", 1, 1); // beyond the period's three rows
     EXPECT_EQ(written(),
               (std::vector<std::string>{"10.0.0.1:5000 setState denied: level 3 needed",
                                         "10.0.0.1:5001 addElement denied: level 3 needed",
@@ -407,7 +407,7 @@ TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
     seconds = 20;
     log.writeDue();
     EXPECT_EQ(written(),
-              (std::vector<std::string>{"10.0.0.1:5002 loginFailed denied: level 3 needed"}));
+              (std::vector<std::string>{"10.0.0.1:5002 loginBlocked denied: level 3 needed"}));
 }
 
 rpc::Event storedEvent(std::int64_t timeMs, std::int32_t category)
