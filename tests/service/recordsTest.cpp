@@ -387,8 +387,8 @@ TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
     };
     refuse("10.0.0.1:5000", "setState", 1, 500);
     refuse("10.0.0.1:5001", "addElement", 1, 2);
-    refuse("10.0.0.2:7000", "setState", 1, 40);   // a third address: counted as "*"
-    refuse("10.0.0.3:7000", "setState", 2, 2);    // logged in: rows of their own
+    refuse("10.0.0.2:7000", "setState", 1, 40);    // a third address: counted as "*"
+    refuse("10.0.0.3:7000", "setState", 2, 2);     // logged in: rows of their own
     refuse("10.0.0.1:5002", "loginBlocked", 1, 1); // beyond the period's three rows
     EXPECT_EQ(written(),
               (std::vector<std::string>{"10.0.0.1:5000 setState denied: level 3 needed",
