@@ -201,7 +201,7 @@ void SqliteAuditTrail::pruneQuietlyLocked()
 }
 
 std::int64_t SqliteAuditTrail::removeLocked(Database& db, bool refusals, std::int64_t cutMs,
-                                             std::int64_t count)
+                                            std::int64_t count)
 {
     if (count <= 0)
     {
@@ -224,11 +224,10 @@ std::int64_t SqliteAuditTrail::pruneLocked(std::int64_t step)
         std::int64_t kept[2] = {rows_[0], rows_[1]};
         // Beyond the rows kept: refusals first, changes and logins only beyond the bound alone.
         std::int64_t removed[2] = {0, 0};
-        removed[1] = removeLocked(db, true, 0,
-                                  std::min(step, std::min(kept[1], kept[0] + kept[1] -
-                                                                       retention_.rows)));
-        removed[0] = removeLocked(db, false, 0, std::min(step - removed[1],
-                                                         kept[0] - retention_.rows));
+        removed[1] = removeLocked(
+            db, true, 0, std::min(step, std::min(kept[1], kept[0] + kept[1] - retention_.rows)));
+        removed[0] =
+            removeLocked(db, false, 0, std::min(step - removed[1], kept[0] - retention_.rows));
         // Then every row older than the days kept.
         const std::int64_t cutMs = nowMs() - retention_.days * kDayMs;
         for (const bool refusals : {true, false})

@@ -1,8 +1,8 @@
 // The audit trail: one row in the service's SQLite database for every action that changes the
 // panel, every login, logout and session expiry, and the refusals: requests refused for their
-// access level and failed or refused logins (those of level-1 sessions counted together, see
-// refusalLog.h). A change is made only after its row is committed, so there is no change without
-// its row.
+// access level and failed or refused logins (those of level-1 sessions other than failed
+// passwords counted together, see refusalLog.h). A change is made only after its row is committed,
+// so there is no change without its row.
 #ifndef SERVICE_AUDIT_TRAIL_H
 #define SERVICE_AUDIT_TRAIL_H
 

@@ -43,7 +43,8 @@ constexpr const char* kAddedColumns[][3] = {
     {"events", "lost", "INTEGER NOT NULL DEFAULT 0"},
 };
 // Made once the added columns exist.
-constexpr const char* kLaterIndexes = "CREATE INDEX IF NOT EXISTS auditByKind ON audit(refusal, id);";
+constexpr const char* kLaterIndexes =
+    "CREATE INDEX IF NOT EXISTS auditByKind ON audit(refusal, id);";
 
 // Whose turn it is to write (see WriteTurn): one database per process, so one set of turns.
 struct Turns

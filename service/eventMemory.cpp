@@ -16,7 +16,6 @@ constexpr std::int64_t kPruneStep = 100;
 // Events per transaction at most: one commit carries many events, and an audit row waiting for its
 // turn (see WriteTurn) waits behind one such batch at most.
 constexpr std::size_t kBatch = 500;
-constexpr auto kGather = std::chrono::milliseconds(20);
 // A batch that could not be stored is tried again after this wait, doubled up to the longest.
 constexpr auto kFirstRetry = std::chrono::milliseconds(20);
 constexpr auto kLongestRetry = std::chrono::milliseconds(1000);
@@ -230,9 +229,6 @@ void EventMemory::writer()
         {
             return; // stopping, and everything is stored
         }
-        // A moment for more to come: fewer, larger transactions leave the file to the audit
-        // trail's rows for longer (the sessions have the events already).
-        queued_.wait_for(lock, kGather, [&] { return stopping_ || queue_.size() >= kBatch; });
         batch.clear();
         takeBatchLocked(batch);
         writing_ = true;
@@ -242,8 +238,8 @@ void EventMemory::writer()
         writing_ = false;
         if (written)
         {
-            stored_ += static_cast<std::int64_t>(
-                std::count_if(batch.begin(), batch.end(), [](const Entry& e) { return e.event.lost == 0; }));
+            stored_ += static_cast<std::int64_t>(std::count_if(
+                batch.begin(), batch.end(), [](const Entry& e) { return e.event.lost == 0; }));
         }
         else
         {
@@ -293,7 +289,8 @@ bool EventMemory::writeBatch(const std::vector<Entry>& batch)
             return false;
         }
         // Woken early only by the stop; then tried again before giving up.
-        queued_.wait_for(lock, wait, [&] { return stopping_ && std::chrono::steady_clock::now() >= giveUpAt_; });
+        queued_.wait_for(
+            lock, wait, [&] { return stopping_ && std::chrono::steady_clock::now() >= giveUpAt_; });
     }
 }
 

@@ -48,8 +48,8 @@ std::vector<rpc::Event> queryEvents(Database& db, const EventSelection& selectio
 // What the memory may hold and how it is written.
 struct EventMemoryLimits
 {
-    std::int64_t rows = 100000;    // events (and gap rows) kept in the table: the newest
-    std::size_t queue = 10000;     // events waiting for the writer; beyond it they become a gap
+    std::int64_t rows = 100000; // events (and gap rows) kept in the table: the newest
+    std::size_t queue = 10000;  // events waiting for the writer; beyond it they become a gap
 };
 
 class EventMemory

@@ -570,8 +570,11 @@ void PanelHandler::recordSession(const char* operation, const std::optional<std:
     row.before = std::to_string(level_);
     row.after = after;
     row.result = result;
-    // A failed or refused login is a refusal: at level 1 counted with its like (refusalLog.h).
-    if (std::string_view(operation) == "loginFailed" || std::string_view(operation) == "loginBlocked")
+    // Failed and refused logins are refusals, removed before the rows of changes and logins. A
+    // refused login of a level-1 session is counted with its like (refusalLog.h); every failed
+    // password is a row of its own (the login guard bounds them per address).
+    row.refusal = std::string_view(operation) == "loginFailed";
+    if (std::string_view(operation) == "loginBlocked")
     {
         core_.refusals().record(std::move(row));
         return;

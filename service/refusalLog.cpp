@@ -55,9 +55,9 @@ RefusalLog::~RefusalLog()
     {
         if (count.second.refusals > 0 && !writeLocked(count.first, count.second, now, false))
         {
-            std::cerr << "egwd: " << count.second.refusals << " refusals of "
-                      << count.first.second << " to " << count.first.first
-                      << " were not recorded at the stop" << std::endl;
+            std::cerr << "egwd: " << count.second.refusals << " refusals of " << count.first.second
+                      << " to " << count.first.first << " were not recorded at the stop"
+                      << std::endl;
         }
     }
 }
@@ -84,8 +84,8 @@ void RefusalLog::record(AuditRecord row)
         }
         catch (const AuditUnavailable& e)
         {
-            std::cerr << "egwd: the refusal of " << row.operation << " to session "
-                      << row.sessionId << " was not recorded: " << e.what() << std::endl;
+            std::cerr << "egwd: the refusal of " << row.operation << " to session " << row.sessionId
+                      << " was not recorded: " << e.what() << std::endl;
         }
         return;
     }

@@ -1,11 +1,12 @@
 // The refusals in the audit trail. A refusal to a session above level 1 (a logged-in operator) is
 // a row of its own at once. Refusals to level-1 sessions (requests refused for their access level,
-// failed and refused logins) come from anyone who can reach the port, as fast as it likes: they
-// are counted per (peer address, operation, result), and each such count has at most one row per
-// period. The first refusal of a count is its row at once; the refusals after it within the period
-// make one summary row when the period is over, which says how many there were and between which
-// times. A bound on the rows of all counts per period and on the counts held keeps a flood from
-// many addresses bounded as well; nothing is dropped, only written later or counted together.
+// logins refused while the address is blocked) come from anyone who can reach the port, as fast as
+// it likes: they are counted per (peer address, operation, result), and each such count has at most
+// one row per period. The first refusal of a count is its row at once; the refusals after it within
+// the period make one summary row when the period is over, which says how many there were and
+// between which times. A bound on the rows of all counts per period and on the counts held keeps a
+// flood from many addresses bounded as well; nothing is dropped, only written later or counted
+// together.
 #ifndef SERVICE_REFUSAL_LOG_H
 #define SERVICE_REFUSAL_LOG_H
 
@@ -56,9 +57,9 @@ private:
         std::int64_t refusals = 0; // not yet in a row
         std::int64_t firstMs = 0;
         std::int64_t lastMs = 0;
-        AuditRecord row; // the last refusal's; session and uuid 0 when they differed
-        SteadyTime lastRow{};     // when the count's last row was written
-        bool written = false;     // a row was written within the period
+        AuditRecord row;      // the last refusal's; session and uuid 0 when they differed
+        SteadyTime lastRow{}; // when the count's last row was written
+        bool written = false; // a row was written within the period
     };
 
     bool writeLocked(const Key& key, Count& count, SteadyTime now, bool bounded);

@@ -126,7 +126,8 @@ Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery&
         lastId = event.id;
         if (event.lost > 0)
         {
-            rows.push_back({{"id", event.id}, {"time", timeText(event.timeMs)}, {"lost", event.lost}});
+            rows.push_back(
+                {{"id", event.id}, {"time", timeText(event.timeMs)}, {"lost", event.lost}});
             continue;
         }
         Json row = {{"id", event.id},

@@ -332,12 +332,11 @@ TEST(AuditRetention, KeepsChangesOverRefusals)
         egwservice::SqliteAuditTrail trail(file, {5, 400});
         write(trail, "change", 2, false);
         write(trail, "refused", 12, true);
-        EXPECT_EQ(operations(),
-                  (std::vector<std::string>{"refused12", "refused11", "refused10", "change2",
-                                            "change1"}));
+        EXPECT_EQ(operations(), (std::vector<std::string>{"refused12", "refused11", "refused10",
+                                                          "change2", "change1"}));
         write(trail, "later", 4, false);
-        EXPECT_EQ(operations(), (std::vector<std::string>{"later4", "later3", "later2", "later1",
-                                                          "change2"}));
+        EXPECT_EQ(operations(),
+                  (std::vector<std::string>{"later4", "later3", "later2", "later1", "change2"}));
     }
     // Rows older than the days kept go at the next write, whatever their kind; the new row stays.
     {
@@ -346,8 +345,7 @@ TEST(AuditRetention, KeepsChangesOverRefusals)
     }
     egwservice::SqliteAuditTrail trail(file, {5, 1});
     write(trail, "refused", 1, true);
-    EXPECT_EQ(operations(),
-              (std::vector<std::string>{"refused1", "later4", "later3", "later2"}));
+    EXPECT_EQ(operations(), (std::vector<std::string>{"refused1", "later4", "later3", "later2"}));
 }
 
 // A level-1 session's refusals are counted per address and operation: one row at once, then at
@@ -387,15 +385,15 @@ TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
     };
     refuse("10.0.0.1:5000", "setState", 1, 500);
     refuse("10.0.0.1:5001", "addElement", 1, 2);
-    refuse("10.0.0.2:7000", "setState", 1, 40);  // a third address: counted as "*"
-    refuse("10.0.0.3:7000", "setState", 2, 2);   // logged in: rows of their own
-    refuse("10.0.0.1:5002", "loginFailed", 1, 1); // beyond the period's three rows
-    EXPECT_EQ(written(), (std::vector<std::string>{
-                             "10.0.0.1:5000 setState denied: level 3 needed",
-                             "10.0.0.1:5001 addElement denied: level 3 needed",
-                             "10.0.0.2:7000 setState denied: level 3 needed",
-                             "10.0.0.3:7000 setState denied: level 3 needed",
-                             "10.0.0.3:7000 setState denied: level 3 needed"}));
+    refuse("10.0.0.2:7000", "setState", 1, 40);    // a third address: counted as "*"
+    refuse("10.0.0.3:7000", "setState", 2, 2);     // logged in: rows of their own
+    refuse("10.0.0.1:5002", "loginBlocked", 1, 1); // beyond the period's three rows
+    EXPECT_EQ(written(),
+              (std::vector<std::string>{"10.0.0.1:5000 setState denied: level 3 needed",
+                                        "10.0.0.1:5001 addElement denied: level 3 needed",
+                                        "10.0.0.2:7000 setState denied: level 3 needed",
+                                        "10.0.0.3:7000 setState denied: level 3 needed",
+                                        "10.0.0.3:7000 setState denied: level 3 needed"}));
     log.writeDue();
     EXPECT_EQ(written(), std::vector<std::string>{});
     seconds = 10;
@@ -406,7 +404,8 @@ TEST(RefusalLog, CountsLevelOneRefusalsWithinTheirBounds)
                              "* setState denied: level 3 needed; refused 39 times ..."}));
     seconds = 20;
     log.writeDue();
-    EXPECT_EQ(written(), (std::vector<std::string>{"10.0.0.1:5002 loginFailed denied: level 3 needed"}));
+    EXPECT_EQ(written(),
+              (std::vector<std::string>{"10.0.0.1:5002 loginBlocked denied: level 3 needed"}));
 }
 
 rpc::Event storedEvent(std::int64_t timeMs, std::int32_t category)
@@ -699,8 +698,9 @@ TEST_F(Records, ARefusalFloodIsCountedInFewRowsAndLeavesTheChangesRows)
             auto guest = connect();
             for (int i = 0; i < 5000 && std::chrono::steady_clock::now() < until; ++i)
             {
-                refused += refusal([&] { (*guest)->setState(detector, kFireAlarmGroup, kFireAlarm); }) ==
-                           ErrorCode::ACCESS_DENIED;
+                refused += refusal([&] {
+                               (*guest)->setState(detector, kFireAlarmGroup, kFireAlarm);
+                           }) == ErrorCode::ACCESS_DENIED;
             }
         });
     }
@@ -719,9 +719,10 @@ TEST_F(Records, ARefusalFloodIsCountedInFewRowsAndLeavesTheChangesRows)
         for (const AuditRow& row : rows)
         {
             std::smatch times;
-            counted += std::regex_search(row.record.result, times, std::regex("refused (\\d+) times"))
-                           ? std::stoi(times[1])
-                           : 1;
+            counted +=
+                std::regex_search(row.record.result, times, std::regex("refused (\\d+) times"))
+                    ? std::stoi(times[1])
+                    : 1;
         }
     }
     EXPECT_EQ(counted, refused.load());
@@ -740,7 +741,8 @@ class DroppingSource : public egwservice::EventSource
 public:
     void open(UINT32 module) override { real_->open(module); }
     void close(UINT32 module) override { real_->close(module); }
-    bool next(UINT32 module, egwservice::RawEvent& event, std::chrono::milliseconds timeout) override
+    bool next(UINT32 module, egwservice::RawEvent& event,
+              std::chrono::milliseconds timeout) override
     {
         return real_->next(module, event, timeout);
     }

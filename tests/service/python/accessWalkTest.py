@@ -9,6 +9,7 @@ element are shown to level 4 only.
 import inspect
 import json
 import os
+import re
 import tempfile
 import time
 
@@ -64,6 +65,10 @@ def dummy_arguments(operation):
 
 class AccessWalkTest(EgwdTestCase):
 
+    # A level-1 session's refusals of one operation after the first are counted into one row a
+    # period: a short one, so that the walk's counts are written within the test.
+    egwd_arguments = ("--refusal-period", "1")
+
     def test_table_lists_every_operation_and_nothing_else(self):
         table = self.egwd.connect().getAccessLevels()
         self.assertEqual(sorted(table), operations())
@@ -104,16 +109,24 @@ class AccessWalkTest(EgwdTestCase):
             self.assertEqual(client.getSession().accessLevel, 1)
             self.assertPanelError(ErrorCode.ACCESS_DENIED, client.setState, 0, 0, 0)
         self.assertEqual(self.egwd.connect().getSession().accessLevel, 1)
-        # Every refusal of the walk is a row of the audit trail: an operation of level N was
-        # refused at the levels below it, and setState once more after each walk.
+        # Every refusal of the walk is in the audit trail: an operation of level N was refused at
+        # the levels below it, and setState once more after each walk (a level-1 session's
+        # refusals counted in a row that says how many, once the period is over).
         admin = self.egwd.connect_at(4)
-        denied = {}
-        for row in admin.queryAudit(AuditQuery(max=1000)):
-            if row.result.startswith("denied"):
-                self.assertEqual(row.result, "denied: level %d needed" % table[row.operation])
-                denied[row.operation] = denied.get(row.operation, 0) + 1
         expected = {operation: level - 1 for operation, level in table.items() if level > 1}
         expected["setState"] += 4
+        for _ in range(50):
+            denied = {}
+            for row in admin.queryAudit(AuditQuery(max=1000)):
+                if row.result.startswith("denied"):
+                    self.assertTrue(row.result.startswith(
+                        "denied: level %d needed" % table[row.operation]), row.result)
+                    counted = re.search(r"; refused (\d+) times between", row.result)
+                    denied[row.operation] = denied.get(row.operation, 0) + (
+                        int(counted.group(1)) if counted else 1)
+            if denied == expected:
+                break
+            time.sleep(0.1)
         self.assertEqual(denied, expected)
 
     def test_records_are_queried_within_their_bounds(self):
