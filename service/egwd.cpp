@@ -141,7 +141,7 @@ int main(int argc, char** argv)
     app.add_option("--event-rows", service.eventRows, "events kept in the event memory")
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{100000000}));
-    // Sessions: failed logins per peer address, lapsed logins, sessions open at once.
+    // Sessions: the login guard, lapsed logins, sessions open at once.
     long firstBlock = service.logins.firstBlock.count();
     long longestBlock = service.logins.longestBlock.count();
     long sessionIdle = service.sessionIdle.count();

@@ -39,7 +39,7 @@ struct ServiceSettings
     // The service itself follows every state change and command of the panel, so that the event
     // memory holds the panel's history whether or not a session is watching.
     bool followPanel = false;
-    // Sessions: logins refused after failures from one address, a login that lapses after so
+    // Sessions: the login guard (loginGuard.h), a login that lapses after so
     // long without a request, and how many sessions may be open at once.
     LoginLimits logins;
     std::chrono::seconds sessionIdle{300};
