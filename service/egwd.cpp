@@ -210,7 +210,7 @@ int main(int argc, char** argv)
                    "at level 1")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
-    // Sessions: failed logins per peer address, lapsed logins, sessions open at once.
+    // Sessions: the login guard, lapsed logins, sessions open at once.
     long firstBlock = service.logins.firstBlock.count();
     long longestBlock = service.logins.longestBlock.count();
     long sessionIdle = service.sessionIdle.count();

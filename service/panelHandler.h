@@ -46,7 +46,7 @@ struct ServiceSettings
     // memory holds the panel's history whether or not a session is watching.
     bool followPanel = false;
     ConditionLimits conditions; // the view of the panel's conditions kept while following it
-    // Sessions: logins refused after failures from one address, a login that lapses after so
+    // Sessions: the login guard (loginGuard.h), a login that lapses after so
     // long without a request, and how many sessions may be open at once.
     LoginLimits logins;
     std::chrono::seconds sessionIdle{300};

@@ -194,43 +194,5 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
     EXPECT_EQ((*admin)->echo(7), 7);
 }
 
-// The passwords are read and written at level 4 only, however they are asked for.
-TEST_F(RequestChecks, PasswordsStayBelowLevelFour)
-{
-    auto operatorClient = connectAt(3);
-    std::vector<rpc::PropertyDefault> defaults;
-    (*operatorClient)->getPropertyDefaults(defaults, 0x70007);
-    int hidden = 0;
-    for (const rpc::PropertyDefault& d : defaults)
-    {
-        const auto id = d.definition.propertyId;
-        if (id == 0x30010 || id == 0x30011 || id == 0x3000C || id == 0x301F0)
-        {
-            EXPECT_TRUE(d.defaultText.empty()) << std::hex << id;
-            ++hidden;
-        }
-    }
-    EXPECT_EQ(hidden, 4);
-    try
-    {
-        (*operatorClient)->findElementByProperty(0, 0x30010, "2222", false);
-        ADD_FAILURE() << "a search by password was allowed at level 3";
-    }
-    catch (const rpc::PanelError& error)
-    {
-        EXPECT_EQ(error.code, ErrorCode::ACCESS_DENIED);
-        EXPECT_EQ(error.requiredLevel, 4);
-    }
-
-    auto admin = connectAt(4);
-    (*admin)->getPropertyDefaults(defaults, 0x70007);
-    std::string level2;
-    for (const rpc::PropertyDefault& d : defaults)
-    {
-        level2 = d.definition.propertyId == 0x30010 ? d.defaultText : level2;
-    }
-    EXPECT_EQ(level2, "2222");
-}
-
 } // namespace
 } // namespace servicetest

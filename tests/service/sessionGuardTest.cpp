@@ -372,6 +372,8 @@ TEST_F(PasswordHolder, OnlyLevelFourChangesThePasswords)
         {4, "a password led by a zero byte", [&](Rpc& c) { c.setBytes(root, 0x301F0, zeroLed); },
          0, zeroLed},
         {4, "deleting the holder", [&](Rpc& c) { c.deleteElement(root); }, 0, "4444"},
+        {3, "adding a holder as the new root", [&](Rpc& c) { c.addElement(0, 0x70007, false); },
+         ErrorCode::ACCESS_DENIED, "4444"},
     };
     std::string level4 = "4711";
     for (const Case& c : cases)
