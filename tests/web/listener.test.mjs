@@ -86,6 +86,8 @@ test('calls are refused without the Thrift JSON type, without a session, or too 
     assert.equal(oversized.status, 413);
     const garbage = await post('/thrift', JSON_TYPE, '[1,"getSession"', cookie);
     assert.equal(garbage.status, 400);
+    const crowded = Object.fromEntries(Array.from({ length: 65 }, (_, i) => [`X-Extra-${i}`, '1']));
+    assert.equal((await request('/thrift', { headers: { Cookie: cookie, ...crowded }, body: GET_SESSION })).status, 431);
 });
 
 test('an action does not wait for its session\'s long poll: the poll ends at once', async () => {
