@@ -214,6 +214,8 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
         throw PageRefused("the page's files are not found (no index.html in \"" +
                           settings_.webRoot + "\"): give --web-root");
     }
+    // A request carries its body and, besides, its head and a chunked body's framing.
+    settings_.connections.requestBytes = settings_.maxBody + 64 * 1024;
     listener_->server =
         boundedPageServer(settings_.connections, settings_.tlsCert, settings_.tlsKey);
     if (!listener_->server->is_valid())
@@ -225,6 +227,11 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
     const auto threads = static_cast<std::size_t>(settings_.connections.connections);
     http.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     http.set_payload_max_length(settings_.maxBody);
+    // What the Keep-Alive header tells the browser; pageConnections keeps to the same.
+    http.set_keep_alive_timeout(
+        std::chrono::duration_cast<std::chrono::seconds>(settings_.connections.keepAlive).count());
+    http.set_keep_alive_max_count(
+        static_cast<std::size_t>(settings_.connections.requestsPerConnection));
     // The listening socket, so that its backlog can be set once it is bound.
     Listener* const listener = listener_.get();
     http.set_socket_options([listener](socket_t socket) {

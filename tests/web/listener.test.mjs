@@ -26,10 +26,10 @@ const post = (path, type, body, cookie) => fetch(new URL(path, egwd.url), {
 });
 
 // One request from a loopback address of its own choosing: status, text and the cookie given.
-function request(path, { headers = {}, body = '', from = '127.0.0.1' } = {}) {
+function request(path, { method = 'POST', headers = {}, body = '', from = '127.0.0.1' } = {}) {
     return new Promise((resolve, reject) => {
         const sent = http.request(new URL(path, egwd.url), {
-            method: 'POST', localAddress: from, agent: false,
+            method, localAddress: from, agent: false,
             headers: { 'Content-Type': JSON_TYPE, 'Content-Length': Buffer.byteLength(body), ...headers },
         }, (response) => {
             let text = '';
@@ -86,6 +86,8 @@ test('calls are refused without the Thrift JSON type, without a session, or too 
     assert.equal(oversized.status, 413);
     const garbage = await post('/thrift', JSON_TYPE, '[1,"getSession"', cookie);
     assert.equal(garbage.status, 400);
+    const crowded = Object.fromEntries(Array.from({ length: 65 }, (_, i) => [`X-Extra-${i}`, '1']));
+    assert.equal((await request('/thrift', { headers: { Cookie: cookie, ...crowded }, body: GET_SESSION })).status, 431);
 });
 
 test('an action does not wait for its session\'s long poll: the poll ends at once', async () => {
@@ -181,7 +183,7 @@ test('one address\'s slow or oversized requests neither take the page nor leave 
     try {
         await sleep(1500);
         const started = Date.now();
-        assert.equal((await fetch(egwd.url)).status, 200); // only 127.0.0.1 is held
+        assert.equal((await request('/', { method: 'GET', from: '127.0.0.2' })).status, 200);
         assert.ok(Date.now() - started < 1000, `the page answered after ${Date.now() - started} ms`);
         // Each loses its connection by the request timeout (3 s here).
         const ends = await Promise.race([Promise.all(closed), sleep(6000).then(() => null)]);
