@@ -4,8 +4,8 @@
 #include <condition_variable>
 #include <mutex>
 #include <set>
-#include <utility>
 #include <unordered_set>
+#include <utility>
 
 #include "service/requestChecks.h"
 
@@ -106,17 +106,17 @@ void TreeWalk::resume(UINT32 after)
     }
     if (depth_ != 0 && chain.size() - 1 > depth_)
     {
-        refuse(rpc::ErrorCode::BAD_ARGUMENT,
-               "after: element " + std::to_string(after) + " is " +
-                   std::to_string(chain.size() - 1) + " levels below the root, deeper than depth " +
-                   std::to_string(depth_));
+        refuse(rpc::ErrorCode::BAD_ARGUMENT, "after: element " + std::to_string(after) + " is " +
+                                                 std::to_string(chain.size() - 1) +
+                                                 " levels below the root, deeper than depth " +
+                                                 std::to_string(depth_));
     }
     for (std::size_t i = chain.size() - 1; i > 0; --i)
     {
         Level level{chain[i], {}, 0};
         EGW_ELementServerGetChildrenUuidList(level.children, chain[i], client_);
-        const auto at = std::find(level.children.begin(), level.children.end(),
-                                  static_cast<int>(chain[i - 1]));
+        const auto at =
+            std::find(level.children.begin(), level.children.end(), static_cast<int>(chain[i - 1]));
         if (at == level.children.end())
         {
             refuse(rpc::ErrorCode::REFUSED, "element " + std::to_string(after) +
@@ -215,6 +215,11 @@ std::vector<UINT32> snapshotProperties(const std::vector<std::int64_t>& ids)
     for (const std::int64_t id : ids)
     {
         properties.push_back(idOf(IdKind::Property, id, "propertyIds"));
+        if (ISValidTypeByPropertyID(properties.back()) != TRUE)
+        {
+            refuse(rpc::ErrorCode::NOT_DEFINED,
+                   "propertyIds: the type library defines no property " + hex(properties.back()));
+        }
         if (!seen.insert(properties.back()).second)
         {
             refuse(rpc::ErrorCode::BAD_ARGUMENT,
@@ -233,7 +238,8 @@ void refuseRepeatedPairs(const std::vector<rpc::PropertyRef>& refs)
         {
             refuse(rpc::ErrorCode::BAD_ARGUMENT,
                    "refs: element " + std::to_string(ref.uuid) + " with property " +
-                       hex(static_cast<std::uint64_t>(ref.propertyId)) + " is given more than once");
+                       hex(static_cast<std::uint64_t>(ref.propertyId)) +
+                       " is given more than once");
         }
     }
 }

@@ -119,7 +119,8 @@ constexpr std::size_t kResultReplyBytes = 2 * 11 + 3 + 1;
 // A batched read names each (element, property) pair once.
 void refuseRepeatedPairs(const std::vector<rpc::PropertyRef>& refs);
 
-// The property ids of a snapshot: each a property id, each once, no more than kMostProperties.
+// The property ids of a snapshot: each a property of the type library, each once (so never more
+// than the library defines), and no more than kMostSnapshotProperties in any case.
 std::vector<UINT32> snapshotProperties(const std::vector<std::int64_t>& ids);
 constexpr std::size_t kMostSnapshotProperties = 256;
 

@@ -95,8 +95,8 @@ TEST_F(TreePages, PagesCoverTheSubtreeInPreOrder)
     for (const Walk& walk : {Walk{0, 0, 0}, Walk{0, 0, 1}, Walk{0, 0, 7}, Walk{0, 1, 3},
                              Walk{0, 2, 0}, Walk{loop, 0, 13}, Walk{loop, 1, 0}})
     {
-        SCOPED_TRACE("root " + std::to_string(walk.root) + ", depth " +
-                     std::to_string(walk.depth) + ", max " + std::to_string(walk.max));
+        SCOPED_TRACE("root " + std::to_string(walk.root) + ", depth " + std::to_string(walk.depth) +
+                     ", max " + std::to_string(walk.max));
         std::vector<std::pair<rpc::Uuid, rpc::Uuid>> expected;
         expectedWalk(*client, walk.root == 0 ? root : walk.root,
                      (*client)->getParent(walk.root == 0 ? root : walk.root), 0, walk.depth,
@@ -171,7 +171,13 @@ TEST_F(TreePages, BoundsAndDeletedContinuationsAreRefusedByName)
         {"negative depth", ErrorCode::BAD_ARGUMENT, "depth -2",
          [&] { snapshot([](auto& r) { r.depth = -2; }); }},
         {"repeated property", ErrorCode::BAD_ARGUMENT, "0x30002 is given more than once",
-         [&] { snapshot([](auto& r) { r.propertyIds = {kLabel, kAddress, kLabel}; }); }},
+         [&] { snapshot([](auto& r) {
+                   r.propertyIds = {kLabel, kAddress, kLabel};
+               }); }},
+        {"property the type library lacks", ErrorCode::NOT_DEFINED, "no property 0x3FFFF",
+         [&] { snapshot([](auto& r) {
+                   r.propertyIds = {kLabel, 0x3FFFF};
+               }); }},
         {"too many properties", ErrorCode::LIMIT, "at most 256",
          [&] { snapshot([](auto& r) { r.propertyIds.assign(257, kLabel); }); }},
         {"after outside the root", ErrorCode::BAD_ARGUMENT, "not below the root",
@@ -271,8 +277,8 @@ TEST_F(TreePages, AnAlarmDoesNotWaitForAWholeTreeReader)
                 (*reader)->snapshot(page, asked);
                 asked.after = page.nextAfter;
             } while (page.nextAfter != 0);
-            walkMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start)
-                         .count();
+            walkMs =
+                std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
         }
     });
     Clock::duration worst{};
@@ -291,8 +297,8 @@ TEST_F(TreePages, AnAlarmDoesNotWaitForAWholeTreeReader)
     // A whole walk took seconds; an alarm waits for one page at most (a generous bound).
     const auto worstMs = std::chrono::duration_cast<std::chrono::milliseconds>(worst).count();
     ASSERT_GT(walkMs, 0);
-    EXPECT_LT(worstMs * 4, walkMs) << "the worst alarm took " << worstMs << " ms, a walk " << walkMs
-                                   << " ms";
+    EXPECT_LT(worstMs * 4, walkMs)
+        << "the worst alarm took " << worstMs << " ms, a walk " << walkMs << " ms";
 }
 
 } // namespace
