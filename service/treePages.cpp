@@ -168,6 +168,25 @@ UINT32 TreeWalk::next()
     return 0;
 }
 
+rpc::KeyPage keyPage(const std::map<std::int64_t, std::string>& keys, UINT32 after,
+                     std::size_t limit, std::size_t replyBytes)
+{
+    rpc::KeyPage page;
+    std::size_t bytes = 0;
+    auto at = keys.upper_bound(after);
+    for (; at != keys.end() && page.keys.size() < limit; ++at)
+    {
+        bytes += kUuidReplyBytes + 4 + at->second.size();
+        if (bytes > replyBytes && !page.keys.empty())
+        {
+            break;
+        }
+        page.keys.emplace_hint(page.keys.end(), at->first, at->second);
+    }
+    page.nextAfter = at == keys.end() ? 0 : page.keys.rbegin()->first;
+    return page;
+}
+
 std::size_t replyBytesOf(const rpc::PropertyValue& value)
 {
     // The struct's stop byte, storageType and present, then the value that is set.

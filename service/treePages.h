@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -108,6 +108,10 @@ UINT32 fillPage(TreeWalk& walk, std::size_t limit, std::size_t replyBytes, std::
     }
     return walk.next() == 0 ? 0 : last;
 }
+
+// The keys of the panel file after the uuid `after`, in increasing uuid order.
+rpc::KeyPage keyPage(const std::map<std::int64_t, std::string>& keys, UINT32 after,
+                     std::size_t limit, std::size_t replyBytes);
 
 // Estimated bytes of values in a reply (binary protocol, field headers included).
 std::size_t replyBytesOf(const rpc::PropertyValue& value);
