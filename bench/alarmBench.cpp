@@ -253,7 +253,8 @@ void measure(int port, const std::vector<rpc::Uuid>& detectors, int alarms, Figu
     });
     for (int a = 0; a < alarms; ++a)
     {
-        const rpc::Uuid detector = detectors[static_cast<std::size_t>(a) * detectors.size() / alarms];
+        const rpc::Uuid detector =
+            detectors[static_cast<std::size_t>(a) * detectors.size() / alarms];
         std::this_thread::sleep_for(std::chrono::milliseconds(20 + (a * 37) % 60));
         std::vector<rpc::Event> events;
         const auto start = Clock::now();
@@ -360,13 +361,10 @@ int main(int argc, char** argv)
     line("alarm setState returned, p50", quiet.setState, loaded.setState, 0.5, "");
     line("alarm setState returned, p99", quiet.setState, loaded.setState, 0.99, "");
     line("alarm event at the subscriber, p50", quiet.delivered, loaded.delivered, 0.5, "");
-    line("alarm event at the subscriber, p99", quiet.delivered, loaded.delivered, 0.99,
-         "<= 200");
-    line("alarm event at the subscriber, worst", quiet.delivered, loaded.delivered, 1.0,
-         "<= 500");
+    line("alarm event at the subscriber, p99", quiet.delivered, loaded.delivered, 0.99, "<= 200");
+    line("alarm event at the subscriber, worst", quiet.delivered, loaded.delivered, 1.0, "<= 500");
     line("getInteger from another client, p50", quiet.smallRead, loaded.smallRead, 0.5, "");
-    line("getInteger from another client, p99", quiet.smallRead, loaded.smallRead, 0.99,
-         "<= 100");
+    line("getInteger from another client, p99", quiet.smallRead, loaded.smallRead, 0.99, "<= 100");
     std::printf("  %zu alarms each; %zu / %zu small reads; %ld calls of the readers\n",
                 loaded.delivered.size(), quiet.smallRead.size(), loaded.smallRead.size(),
                 loaded.readerCalls);

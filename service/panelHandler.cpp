@@ -1705,20 +1705,8 @@ void PanelHandler::getElementKeys(rpc::KeyPage& _return, Uuid after, std::int32_
 {
     run("getElementKeys", [&] {
         const PageBounds& bounds = core_.settings().pages;
-        const std::size_t limit = pageSize(max, bounds);
-        const std::map<std::int64_t, std::string>& keys = core_.settings().elementKeys;
-        std::size_t bytes = 0;
-        auto at = keys.upper_bound(word(after, "after"));
-        for (; at != keys.end() && _return.keys.size() < limit; ++at)
-        {
-            bytes += kUuidReplyBytes + 4 + at->second.size();
-            if (bytes > bounds.replyBytes && !_return.keys.empty())
-            {
-                break;
-            }
-            _return.keys.emplace_hint(_return.keys.end(), at->first, at->second);
-        }
-        _return.nextAfter = at == keys.end() ? 0 : _return.keys.rbegin()->first;
+        _return = keyPage(core_.settings().elementKeys, word(after, "after"),
+                          pageSize(max, bounds), bounds.replyBytes);
     });
 }
 

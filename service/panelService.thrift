@@ -228,7 +228,7 @@ struct ConditionList {
 // in between is refused (REFUSED, "... is gone: start again"); nextAfter 0: the walk is complete.
 struct SnapshotRequest {
   1: Uuid root,            // 0: the tree root
-  2: list<Id> propertyIds, // read for each element whose type defines them; each id once
+  2: list<Id> propertyIds, // read for each element whose type defines them; each id once, at most 256
   3: bool withStates,
   4: i32 depth,            // 0: the whole sub-tree; 1: the root and its children; n: n levels below the root
   5: Uuid after,           // 0: the first page; else the `nextAfter` of the previous page

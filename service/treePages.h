@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -109,6 +109,10 @@ UINT32 fillPage(TreeWalk& walk, std::size_t limit, std::size_t replyBytes, std::
     return walk.next() == 0 ? 0 : last;
 }
 
+// The keys of the panel file after the uuid `after`, in increasing uuid order.
+rpc::KeyPage keyPage(const std::map<std::int64_t, std::string>& keys, UINT32 after,
+                     std::size_t limit, std::size_t replyBytes);
+
 // Estimated bytes of values in a reply (binary protocol, field headers included).
 std::size_t replyBytesOf(const rpc::PropertyValue& value);
 std::size_t replyBytesOf(const rpc::ElementSnapshot& element);
@@ -119,7 +123,8 @@ constexpr std::size_t kResultReplyBytes = 2 * 11 + 3 + 1;
 // A batched read names each (element, property) pair once.
 void refuseRepeatedPairs(const std::vector<rpc::PropertyRef>& refs);
 
-// The property ids of a snapshot: each a property id, each once, no more than kMostProperties.
+// The property ids of a snapshot: each a property of the type library, each once (so never more
+// than the library defines), and no more than kMostSnapshotProperties in any case.
 std::vector<UINT32> snapshotProperties(const std::vector<std::int64_t>& ids);
 constexpr std::size_t kMostSnapshotProperties = 256;
 
