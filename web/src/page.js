@@ -137,6 +137,8 @@ async function subscribeAll(generation) {
 // The root and its children; the rest as the operator opens them.
 async function loadTree(generation) {
     page.elements = new Map();
+    page.selected = null;
+    $('details').hidden = true;
     page.root = num(await page.client.getRoot());
     await loadChildren(page.root);
     if (generation !== page.generation) return;
@@ -242,7 +244,9 @@ function render() {
         const row = document.createElement('tr');
         row.className = c.kind;
         row.dataset.uuid = c.uuid;
+        row.tabIndex = 0;
         row.addEventListener('click', () => reveal(c.uuid));
+        row.addEventListener('keydown', (event) => { if (event.key === 'Enter') reveal(c.uuid); });
         for (const text of [KIND_WORDS[c.kind], timeText(c.timeMs), c.idString, c.label, c.zoneLabel,
             `${nameOf('stateGroups', c.group)}: ${nameOf('stateValues', c.value)}`]) {
             row.insertCell().textContent = text;
@@ -266,7 +270,7 @@ function render() {
         return item;
     }));
     showActions();
-    if (page.selected) showDetails(page.selected, false);
+    if (page.elements.has(page.selected)) showDetails(page.selected, false);
 }
 
 // ---- The element tree: what is open, loaded as it is opened -----------------------------------
