@@ -145,6 +145,19 @@ private:
     std::unique_ptr<rpc::PanelServiceClient> rpc_;
 };
 
+// Every element of the type, one page of collectSubtree after another.
+std::vector<rpc::Uuid> collectAll(Client& client, std::int64_t type)
+{
+    std::vector<rpc::Uuid> all;
+    rpc::UuidPage page;
+    do
+    {
+        client->collectSubtree(page, 0, type, page.nextAfter, 0);
+        all.insert(all.end(), page.uuids.begin(), page.uuids.end());
+    } while (page.nextAfter != 0);
+    return all;
+}
+
 // egwd's server in this process, on the generated panel.
 class Service
 {
@@ -767,7 +780,7 @@ void auditCost()
     {
         rpc::SessionInfo session;
         (*client)->login(session, 2, "2222");
-        (*client)->collectSubtree(detectors, 0, kDetectorType);
+        detectors = collectAll(*client, kDetectorType);
     }
     const rpc::Uuid detector = detectors.at(0);
     bool alarm = false;
@@ -846,7 +859,7 @@ int main(int argc, char** argv)
             Client client(service.port());
             rpc::ServiceInfo info;
             client->getServiceInfo(info);
-            client->collectSubtree(detectors, 0, kDetectorType);
+            detectors = collectAll(client, kDetectorType);
             std::printf("  %lld elements, %zu optical smoke detectors\n",
                         static_cast<long long>(info.elementCount), detectors.size());
         }

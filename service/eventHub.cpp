@@ -4,6 +4,7 @@
 
 #include "elementGateway.h"
 #include "service/requestChecks.h"
+#include "service/treePages.h"
 
 namespace egwservice
 {
@@ -317,7 +318,8 @@ void SessionQueue::lose(std::size_t count)
     ready_.notify_all();
 }
 
-std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::milliseconds timeout)
+std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::milliseconds timeout,
+                                           std::size_t maxBytes)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     ready_.wait_for(lock, timeout,
@@ -328,8 +330,16 @@ std::vector<rpc::Event> SessionQueue::take(std::size_t max, std::chrono::millise
         announceLossLocked();
     }
     std::vector<rpc::Event> taken;
+    std::size_t bytes = 0;
     while (!events_.empty() && taken.size() < max)
     {
+        // The fixed fields and the detail record come to under 200 bytes; the rest is the
+        // event's ID string and data.
+        bytes += 200 + events_.front().idString.size() + events_.front().data.size();
+        if (bytes > maxBytes && !taken.empty())
+        {
+            break;
+        }
         taken.push_back(std::move(events_.front()));
         events_.pop_front();
     }
@@ -585,6 +595,7 @@ void EventHub::pump()
 
 void EventHub::deliver(const RawEvent& raw)
 {
+    const UrgentWork urgent; // no page of a long read begins until the event is delivered
     // Without the element's type, by-type subscriptions cannot be matched: the host failed (it
     // is asked again, a failure may pass), or the element is gone. The event still reaches the
     // sessions that follow the element itself.

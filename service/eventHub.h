@@ -54,8 +54,10 @@ public:
     void push(const rpc::Event& event);
     // Counts events that never reached the queue; the next take() announces them.
     void lose(std::size_t count);
-    // Up to `max` events; waits up to `timeout` for the first one, or until closed or hurried.
-    std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout);
+    // Up to `max` events of about `maxBytes` in all (the first one always); waits up to
+    // `timeout` for the first one, or until closed or hurried.
+    std::vector<rpc::Event> take(std::size_t max, std::chrono::milliseconds timeout,
+                                 std::size_t maxBytes = SIZE_MAX);
     // Ends the wait of the take() under way, or else of the next one, at once with what the
     // queue has. (The next one, so that a take() about to begin is not missed.)
     void hurry();

@@ -424,6 +424,7 @@ auto PanelHandler::change(const char* operation, std::int64_t uuid, Body&& body)
     return run(
         operation,
         [&] {
+            const UrgentWork urgent; // no page of a long read begins until the change is made
             AuditedChange audited(core_.audit(), auditRow(operation, requestUuid_), client());
             try
             {
@@ -711,6 +712,7 @@ void PanelHandler::collectSubtree(rpc::UuidPage& _return, Uuid root, Id typeId, 
         const std::size_t limit = pageSize(max, bounds);
         const UINT32 type = typeId == 0 ? 0 : idOf(IdKind::ElementType, typeId, "typeId");
         const UINT32 resumeAfter = word(after, "after");
+        UrgentWork::letPass(kLongestCourtesy);
         const TreeLock lock(client());
         TypeFacts facts;
         TreeWalk walk(client(), elementOrRoot(facts, root, "root", client()).uuid, resumeAfter, 0);
@@ -1564,6 +1566,7 @@ void PanelHandler::snapshot(rpc::SnapshotPage& _return, const rpc::SnapshotReque
             requireLevel(propertyLevel(property), "property " + hex(property));
         }
         const UINT32 after = word(request.after, "after");
+        UrgentWork::letPass(kLongestCourtesy);
         const TreeLock lock(client());
         TypeFacts facts;
         const Subject top = elementOrRoot(facts, request.root, "root", client());
@@ -1623,7 +1626,8 @@ void PanelHandler::nextEvents(std::vector<rpc::Event>& _return, std::int32_t max
                                                 " is not 0 to " + std::to_string(kLongestPollMs));
         }
         _return = events_->take(static_cast<std::size_t>(max),
-                                std::chrono::milliseconds(timeoutMs));
+                                std::chrono::milliseconds(timeoutMs),
+                                core_.settings().pages.replyBytes);
         hideSecrets(_return);
     });
 }
@@ -1661,20 +1665,8 @@ void PanelHandler::getElementKeys(rpc::KeyPage& _return, Uuid after, std::int32_
 {
     run("getElementKeys", [&] {
         const PageBounds& bounds = core_.settings().pages;
-        const std::size_t limit = pageSize(max, bounds);
-        const std::map<std::int64_t, std::string>& keys = core_.settings().elementKeys;
-        std::size_t bytes = 0;
-        auto at = keys.upper_bound(word(after, "after"));
-        for (; at != keys.end() && _return.keys.size() < limit; ++at)
-        {
-            bytes += kUuidReplyBytes + 4 + at->second.size();
-            if (bytes > bounds.replyBytes && !_return.keys.empty())
-            {
-                break;
-            }
-            _return.keys.emplace_hint(_return.keys.end(), at->first, at->second);
-        }
-        _return.nextAfter = at == keys.end() ? 0 : _return.keys.rbegin()->first;
+        _return = keyPage(core_.settings().elementKeys, word(after, "after"),
+                          pageSize(max, bounds), bounds.replyBytes);
     });
 }
 

@@ -228,7 +228,7 @@ struct ConditionList {
 // in between is refused (REFUSED, "... is gone: start again"); nextAfter 0: the walk is complete.
 struct SnapshotRequest {
   1: Uuid root,            // 0: the tree root
-  2: list<Id> propertyIds, // read for each element whose type defines them; each id once
+  2: list<Id> propertyIds, // read for each element whose type defines them; each id once, at most 256
   3: bool withStates,
   4: i32 depth,            // 0: the whole sub-tree; 1: the root and its children; n: n levels below the root
   5: Uuid after,           // 0: the first page; else the `nextAfter` of the previous page
@@ -417,7 +417,8 @@ service PanelService {
   // ---- Events ----
   void subscribe(1: Subscription subscription) throws (1: PanelError error),
   void unsubscribe(1: Subscription subscription) throws (1: PanelError error),
-  // Up to max events of the session; waits up to timeoutMs for the first one.
+  // Up to max events of the session, fewer when their reply would pass the service's reply bound
+  // (the rest wait for the next call); waits up to timeoutMs for the first one.
   list<Event> nextEvents(1: i32 max, 2: i32 timeoutMs) throws (1: PanelError error),
   // The panel's present conditions, kept by the service from the panel's events.
   ConditionList getConditions() throws (1: PanelError error),

@@ -1,14 +1,56 @@
 #include "service/treePages.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 #include <set>
-#include <utility>
 #include <unordered_set>
+#include <utility>
 
 #include "service/requestChecks.h"
 
 namespace egwservice
 {
+namespace
+{
+
+struct Urgency
+{
+    std::mutex mutex;
+    std::condition_variable none;
+    int marked = 0;
+};
+
+Urgency& urgency()
+{
+    static Urgency shared;
+    return shared;
+}
+
+} // namespace
+
+UrgentWork::UrgentWork()
+{
+    const std::lock_guard<std::mutex> lock(urgency().mutex);
+    ++urgency().marked;
+}
+
+UrgentWork::~UrgentWork()
+{
+    Urgency& u = urgency();
+    {
+        const std::lock_guard<std::mutex> lock(u.mutex);
+        --u.marked;
+    }
+    u.none.notify_all();
+}
+
+void UrgentWork::letPass(std::chrono::milliseconds longest)
+{
+    Urgency& u = urgency();
+    std::unique_lock<std::mutex> lock(u.mutex);
+    u.none.wait_for(lock, longest, [&] { return u.marked == 0; });
+}
 
 std::size_t pageSize(std::int32_t max, const PageBounds& bounds)
 {
@@ -64,17 +106,17 @@ void TreeWalk::resume(UINT32 after)
     }
     if (depth_ != 0 && chain.size() - 1 > depth_)
     {
-        refuse(rpc::ErrorCode::BAD_ARGUMENT,
-               "after: element " + std::to_string(after) + " is " +
-                   std::to_string(chain.size() - 1) + " levels below the root, deeper than depth " +
-                   std::to_string(depth_));
+        refuse(rpc::ErrorCode::BAD_ARGUMENT, "after: element " + std::to_string(after) + " is " +
+                                                 std::to_string(chain.size() - 1) +
+                                                 " levels below the root, deeper than depth " +
+                                                 std::to_string(depth_));
     }
     for (std::size_t i = chain.size() - 1; i > 0; --i)
     {
         Level level{chain[i], {}, 0};
         EGW_ELementServerGetChildrenUuidList(level.children, chain[i], client_);
-        const auto at = std::find(level.children.begin(), level.children.end(),
-                                  static_cast<int>(chain[i - 1]));
+        const auto at =
+            std::find(level.children.begin(), level.children.end(), static_cast<int>(chain[i - 1]));
         if (at == level.children.end())
         {
             refuse(rpc::ErrorCode::REFUSED, "element " + std::to_string(after) +
@@ -126,6 +168,25 @@ UINT32 TreeWalk::next()
     return 0;
 }
 
+rpc::KeyPage keyPage(const std::map<std::int64_t, std::string>& keys, UINT32 after,
+                     std::size_t limit, std::size_t replyBytes)
+{
+    rpc::KeyPage page;
+    std::size_t bytes = 0;
+    auto at = keys.upper_bound(after);
+    for (; at != keys.end() && page.keys.size() < limit; ++at)
+    {
+        bytes += kUuidReplyBytes + 4 + at->second.size();
+        if (bytes > replyBytes && !page.keys.empty())
+        {
+            break;
+        }
+        page.keys.emplace_hint(page.keys.end(), at->first, at->second);
+    }
+    page.nextAfter = at == keys.end() ? 0 : page.keys.rbegin()->first;
+    return page;
+}
+
 std::size_t replyBytesOf(const rpc::PropertyValue& value)
 {
     // The struct's stop byte, storageType and present, then the value that is set.
@@ -173,6 +234,11 @@ std::vector<UINT32> snapshotProperties(const std::vector<std::int64_t>& ids)
     for (const std::int64_t id : ids)
     {
         properties.push_back(idOf(IdKind::Property, id, "propertyIds"));
+        if (ISValidTypeByPropertyID(properties.back()) != TRUE)
+        {
+            refuse(rpc::ErrorCode::NOT_DEFINED,
+                   "propertyIds: the type library defines no property " + hex(properties.back()));
+        }
         if (!seen.insert(properties.back()).second)
         {
             refuse(rpc::ErrorCode::BAD_ARGUMENT,
@@ -191,7 +257,8 @@ void refuseRepeatedPairs(const std::vector<rpc::PropertyRef>& refs)
         {
             refuse(rpc::ErrorCode::BAD_ARGUMENT,
                    "refs: element " + std::to_string(ref.uuid) + " with property " +
-                       hex(static_cast<std::uint64_t>(ref.propertyId)) + " is given more than once");
+                       hex(static_cast<std::uint64_t>(ref.propertyId)) +
+                       " is given more than once");
         }
     }
 }

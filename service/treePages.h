@@ -6,9 +6,10 @@
 #ifndef SERVICE_TREE_PAGES_H
 #define SERVICE_TREE_PAGES_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,23 @@ struct PageBounds
     std::size_t elements = 1000;
     std::size_t replyBytes = 1048576;
 };
+
+// Alarms first. Work that must not wait for a reader (a change of the panel, the event pump
+// delivering an event) is marked while it runs; a page of a long read lets it pass: it begins when
+// none is marked, or after `longest` at most, so that readers are delayed but never starved. The
+// element server's lock is not fair to its waiters; without this, readers taking page after page
+// could keep an alarm waiting for many pages.
+class UrgentWork
+{
+public:
+    UrgentWork();
+    ~UrgentWork();
+    UrgentWork(const UrgentWork&) = delete;
+    UrgentWork& operator=(const UrgentWork&) = delete;
+
+    static void letPass(std::chrono::milliseconds longest);
+};
+constexpr std::chrono::milliseconds kLongestCourtesy{100};
 
 // The elements per page a request asks for: `max` 1 to the bound, 0 for the bound itself.
 std::size_t pageSize(std::int32_t max, const PageBounds& bounds);
@@ -91,6 +109,10 @@ UINT32 fillPage(TreeWalk& walk, std::size_t limit, std::size_t replyBytes, std::
     return walk.next() == 0 ? 0 : last;
 }
 
+// The keys of the panel file after the uuid `after`, in increasing uuid order.
+rpc::KeyPage keyPage(const std::map<std::int64_t, std::string>& keys, UINT32 after,
+                     std::size_t limit, std::size_t replyBytes);
+
 // Estimated bytes of values in a reply (binary protocol, field headers included).
 std::size_t replyBytesOf(const rpc::PropertyValue& value);
 std::size_t replyBytesOf(const rpc::ElementSnapshot& element);
@@ -101,7 +123,8 @@ constexpr std::size_t kResultReplyBytes = 2 * 11 + 3 + 1;
 // A batched read names each (element, property) pair once.
 void refuseRepeatedPairs(const std::vector<rpc::PropertyRef>& refs);
 
-// The property ids of a snapshot: each a property id, each once, no more than kMostProperties.
+// The property ids of a snapshot: each a property of the type library, each once (so never more
+// than the library defines), and no more than kMostSnapshotProperties in any case.
 std::vector<UINT32> snapshotProperties(const std::vector<std::int64_t>& ids);
 constexpr std::size_t kMostSnapshotProperties = 256;
 

@@ -42,6 +42,15 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
     std::string text;
     std::vector<rpc::Uuid> list;
     rpc::UuidPage page;
+    rpc::SnapshotPage snapshotPage;
+    rpc::KeyPage keys;
+    std::vector<rpc::PropertyResult> results;
+    const auto snapshot = [&](auto& c, const std::function<void(rpc::SnapshotRequest&)>& set) {
+        rpc::SnapshotRequest asked;
+        asked.propertyIds = {kLabel, kAddress};
+        set(asked);
+        c.snapshot(snapshotPage, asked);
+    };
     rpc::PropertyValue value;
     rpc::DateTime date;
     const std::string tooLong(65536, 'x');
@@ -172,6 +181,39 @@ TEST_F(RequestChecks, BadRequestsAreRefusedBeforeTheLibrary)
          [&](auto& c, auto) {
              rpc::SessionInfo session;
              c.login(session, 5, "4444");
+         }},
+        {"page above the bound", ErrorCode::LIMIT, "at most 1000",
+         [&](auto& c, auto) { snapshot(c, [](auto& r) { r.max = 1001; }); }},
+        {"negative page size", ErrorCode::BAD_ARGUMENT, "max -1",
+         [&](auto& c, auto) { c.collectSubtree(page, 0, 0, 0, -1); }},
+        {"keys above the bound", ErrorCode::LIMIT, "at most 1000",
+         [&](auto& c, auto) { c.getElementKeys(keys, 0, 1001); }},
+        {"negative depth", ErrorCode::BAD_ARGUMENT, "depth -2",
+         [&](auto& c, auto) { snapshot(c, [](auto& r) { r.depth = -2; }); }},
+        {"repeated property", ErrorCode::BAD_ARGUMENT, "0x30002 is given more than once",
+         [&](auto& c, auto) { snapshot(c, [](auto& r) { r.propertyIds.push_back(kLabel); }); }},
+        {"property the type library lacks", ErrorCode::NOT_DEFINED, "no property 0x3FFFF",
+         [&](auto& c, auto) { snapshot(c, [](auto& r) { r.propertyIds = {0x3FFFF}; }); }},
+        {"too many properties", ErrorCode::LIMIT, "at most 256",
+         [&](auto& c, auto) { snapshot(c, [](auto& r) { r.propertyIds.assign(257, kLabel); }); }},
+        {"after outside the root", ErrorCode::BAD_ARGUMENT, "not below the root",
+         [&](auto& c, auto d) {
+             snapshot(c, [&](auto& r) {
+                 r.root = d;
+                 r.after = detectors.at(1);
+             });
+         }},
+        {"batch above the bound", ErrorCode::LIMIT, "at most 10000",
+         [&](auto& c, auto) { c.readProperties(results, std::vector<rpc::PropertyRef>(10001)); }},
+        {"repeated pair", ErrorCode::BAD_ARGUMENT, "given more than once",
+         [&](auto& c, auto) { c.readProperties(results, std::vector<rpc::PropertyRef>(2)); }},
+        // A page's continuation is found again by its element: once deleted, the walk starts over.
+        {"after deleted between pages", ErrorCode::REFUSED, "is gone: start again",
+         [&](auto& c, auto) {
+             const auto after = [&](auto& r) { r.after = detectors.at(1); };
+             snapshot(c, after); // goes on after it while it stands
+             c.deleteElement(detectors.at(1));
+             snapshot(c, after);
          }},
     };
 

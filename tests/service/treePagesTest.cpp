@@ -5,9 +5,8 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 
-#include "serviceFixture.h"
+#include "tests/service/serviceFixture.h"
 #include "tools/panelConfig.h"
 
 namespace servicetest
@@ -92,11 +91,12 @@ TEST_F(TreePages, PagesCoverTheSubtreeInPreOrder)
         std::int32_t depth;
         std::int32_t max;
     };
+    std::vector<rpc::Uuid> expectedDetectors; // of the whole walk, by the snapshot's types
     for (const Walk& walk : {Walk{0, 0, 0}, Walk{0, 0, 1}, Walk{0, 0, 7}, Walk{0, 1, 3},
                              Walk{0, 2, 0}, Walk{loop, 0, 13}, Walk{loop, 1, 0}})
     {
-        SCOPED_TRACE("root " + std::to_string(walk.root) + ", depth " +
-                     std::to_string(walk.depth) + ", max " + std::to_string(walk.max));
+        SCOPED_TRACE("root " + std::to_string(walk.root) + ", depth " + std::to_string(walk.depth) +
+                     ", max " + std::to_string(walk.max));
         std::vector<std::pair<rpc::Uuid, rpc::Uuid>> expected;
         expectedWalk(*client, walk.root == 0 ? root : walk.root,
                      (*client)->getParent(walk.root == 0 ? root : walk.root), 0, walk.depth,
@@ -113,6 +113,11 @@ TEST_F(TreePages, PagesCoverTheSubtreeInPreOrder)
             for (const rpc::ElementSnapshot& element : page.elements)
             {
                 walked.emplace_back(element.uuid, element.parent);
+                if (walk.root == 0 && walk.depth == 0 && walk.max == 0 &&
+                    element.typeId == kDetectorType)
+                {
+                    expectedDetectors.push_back(element.uuid);
+                }
             }
             asked.after = page.nextAfter;
             ++pages;
@@ -120,95 +125,24 @@ TEST_F(TreePages, PagesCoverTheSubtreeInPreOrder)
         EXPECT_EQ(walked, expected);
         if (walk.max == 0 && expected.size() > 50)
         {
-            EXPECT_GT(pages, expected.size() / 50) << "the 4 KiB reply bound never cut a page";
+            EXPECT_GT(pages, (expected.size() + 49) / 50) << "the reply bound never cut a page";
         }
     }
     // collectSubtree walks the same way and keeps the elements of the type.
-    const std::vector<rpc::Uuid> detectors = collectAll(*client, 0, kDetectorType);
-    std::vector<std::pair<rpc::Uuid, rpc::Uuid>> all;
-    expectedWalk(*client, root, 0, 0, 0, all);
-    std::vector<rpc::Uuid> expected;
-    for (const auto& element : all)
-    {
-        if ((*client)->getElementType(element.first) == kDetectorType)
-        {
-            expected.push_back(element.first);
-        }
-    }
-    EXPECT_EQ(detectors, expected);
+    ASSERT_FALSE(expectedDetectors.empty());
+    EXPECT_EQ(collectAll(*client, 0, kDetectorType), expectedDetectors);
     EXPECT_EQ(reports(), 0);
 }
 
-// Where a page cannot be given, the refusal names the bound; the connection stays.
-TEST_F(TreePages, BoundsAndDeletedContinuationsAreRefusedByName)
+// A batch or a poll whose reply would pass the reply bound stops short of it; the connection
+// stays.
+TEST_F(TreePages, RepliesStopAtTheirBound)
 {
     serve(2, 40, {50, 4096});
     auto admin = connectAt(3);
     const std::vector<rpc::Uuid> detectors = collectAll(*admin, 0, kDetectorType);
-    rpc::SnapshotPage page;
-    rpc::UuidPage uuids;
-    rpc::KeyPage keys;
     std::vector<rpc::PropertyResult> results;
-    struct Refusal
-    {
-        const char* name;
-        ErrorCode::type code;
-        std::string named;
-        std::function<void()> call;
-    };
-    const auto snapshot = [&](const std::function<void(rpc::SnapshotRequest&)>& change) {
-        rpc::SnapshotRequest asked = request(0, 0, 0);
-        change(asked);
-        (*admin)->snapshot(page, asked);
-    };
-    const std::vector<Refusal> refusals = {
-        {"page above the bound", ErrorCode::LIMIT, "at most 50",
-         [&] { snapshot([](auto& r) { r.max = 51; }); }},
-        {"negative max", ErrorCode::BAD_ARGUMENT, "max -1",
-         [&] { (*admin)->collectSubtree(uuids, 0, 0, 0, -1); }},
-        {"keys above the bound", ErrorCode::LIMIT, "at most 50",
-         [&] { (*admin)->getElementKeys(keys, 0, 51); }},
-        {"negative depth", ErrorCode::BAD_ARGUMENT, "depth -2",
-         [&] { snapshot([](auto& r) { r.depth = -2; }); }},
-        {"repeated property", ErrorCode::BAD_ARGUMENT, "0x30002 is given more than once",
-         [&] { snapshot([](auto& r) { r.propertyIds = {kLabel, kAddress, kLabel}; }); }},
-        {"too many properties", ErrorCode::LIMIT, "at most 256",
-         [&] { snapshot([](auto& r) { r.propertyIds.assign(257, kLabel); }); }},
-        {"after outside the root", ErrorCode::BAD_ARGUMENT, "not below the root",
-         [&] {
-             snapshot([&](auto& r) {
-                 r.root = detectors.at(0);
-                 r.after = detectors.at(1);
-             });
-         }},
-        {"batch above the bound", ErrorCode::LIMIT, "at most 10000",
-         [&] { (*admin)->readProperties(results, std::vector<rpc::PropertyRef>(10001)); }},
-        {"repeated pair", ErrorCode::BAD_ARGUMENT, "given more than once",
-         [&] { (*admin)->readProperties(results, std::vector<rpc::PropertyRef>(2)); }},
-        {"after deleted between pages", ErrorCode::REFUSED, "is gone: start again",
-         [&] {
-             rpc::SnapshotRequest asked = request(0, 0, 0);
-             asked.after = detectors.at(2);
-             (*admin)->snapshot(page, asked); // goes on after it while it stands
-             (*admin)->deleteElement(detectors.at(2));
-             (*admin)->snapshot(page, asked);
-         }},
-    };
-    for (const Refusal& refusal : refusals)
-    {
-        SCOPED_TRACE(refusal.name);
-        try
-        {
-            refusal.call();
-            ADD_FAILURE() << "accepted";
-        }
-        catch (const rpc::PanelError& error)
-        {
-            EXPECT_EQ(error.code, refusal.code) << error.message;
-            EXPECT_NE(error.message.find(refusal.named), std::string::npos) << error.message;
-        }
-    }
-    // A batch whose reply would pass the bound answers the pairs beyond it with LIMIT.
+    // A batch answers the pairs beyond the bound with LIMIT.
     std::vector<rpc::PropertyRef> refs;
     for (const rpc::Uuid element : collectAll(*admin, 0, 0))
     {
@@ -224,6 +158,21 @@ TEST_F(TreePages, BoundsAndDeletedContinuationsAreRefusedByName)
     ASSERT_TRUE(results.back().__isset.error);
     EXPECT_EQ(results.back().error.code, ErrorCode::LIMIT);
     EXPECT_NE(results.back().error.message.find("at most 4096 bytes"), std::string::npos);
+    // Events too: two 3,000-byte labels come one poll each.
+    rpc::Subscription labels;
+    labels.kind = rpc::SubscriptionKind::BY_ELEMENT;
+    labels.target = detectors.at(0);
+    labels.eventId = 0x03020000 | (kLabel & 0xFFFF);
+    (*admin)->subscribe(labels);
+    (*admin)->setBytes(detectors.at(0), kLabel, std::string(3000, 'a'));
+    (*admin)->setBytes(detectors.at(0), kLabel, std::string(3000, 'b'));
+    std::vector<rpc::Event> events;
+    for (const char expected : {'a', 'b'})
+    {
+        (*admin)->nextEvents(events, 10, 5000);
+        ASSERT_EQ(events.size(), 1u);
+        EXPECT_EQ(events[0].data.substr(0, 3), std::string(3, expected));
+    }
     EXPECT_EQ((*admin)->echo(7), 7);
     EXPECT_EQ(reports(), 0);
 }
@@ -256,8 +205,8 @@ TEST_F(TreePages, AnAlarmDoesNotWaitForAWholeTreeReader)
                 (*reader)->snapshot(page, asked);
                 asked.after = page.nextAfter;
             } while (page.nextAfter != 0);
-            walkMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start)
-                         .count();
+            walkMs =
+                std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
         }
     });
     Clock::duration worst{};
@@ -276,8 +225,8 @@ TEST_F(TreePages, AnAlarmDoesNotWaitForAWholeTreeReader)
     // A whole walk took seconds; an alarm waits for one page at most (a generous bound).
     const auto worstMs = std::chrono::duration_cast<std::chrono::milliseconds>(worst).count();
     ASSERT_GT(walkMs, 0);
-    EXPECT_LT(worstMs * 4, walkMs) << "the worst alarm took " << worstMs << " ms, a walk " << walkMs
-                                   << " ms";
+    EXPECT_LT(worstMs * 4, walkMs)
+        << "the worst alarm took " << worstMs << " ms, a walk " << walkMs << " ms";
 }
 
 } // namespace
