@@ -211,9 +211,12 @@ void PanelConditions::scan(void* client)
     TypeFacts facts;
     const UINT32 root = EGW_ELementServerGetTreeRoot(client);
     std::vector<unsigned int> types;
-    const UINT32 rootType = EGW_ElementServerGetElementTypeByUuid(root, client);
-    EGW_BASIC_THRIFT_GetAllChildrenElementType(types, rootType);
-    types.push_back(rootType);
+    const UINT32 rootType = root == 0 ? 0 : EGW_ElementServerGetElementTypeByUuid(root, client);
+    if (rootType != 0) // an empty tree has no types and nothing to read
+    {
+        EGW_BASIC_THRIFT_GetAllChildrenElementType(types, rootType);
+        types.push_back(rootType);
+    }
     std::vector<std::int64_t> stateTypes;
     for (const unsigned int type : types)
     {
@@ -231,7 +234,11 @@ void PanelConditions::scan(void* client)
         scanned_.clear();
         touched_.clear();
     }
-    std::vector<UINT32> waiting{root};
+    std::vector<UINT32> waiting;
+    if (rootType != 0)
+    {
+        waiting.push_back(root);
+    }
     std::vector<std::pair<Key, UINT32>> read;
     std::vector<UINT32> slice;
     while (!waiting.empty())

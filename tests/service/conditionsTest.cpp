@@ -1,6 +1,7 @@
 // The service's view of the panel's conditions: the one table of which state value is which
 // condition, and the view read from a tree in slices while the panel changes underneath it.
 #include <chrono>
+#include <functional>
 #include <fstream>
 #include <set>
 #include <thread>
@@ -84,46 +85,37 @@ TEST_F(Conditions, TheTreeReadInSlicesWithEventsOnTopEndsRight)
                            [&](const rpc::StateValue& s) { return s.groupId == group; });
     };
     rpc::ConditionList seen;
-    const auto complete = [&] {
-        (*operator2)->getConditions(seen);
-        return seen.complete;
-    };
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!complete() && std::chrono::steady_clock::now() < until)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    const auto waitFor = [&](const std::function<bool()>& done) {
+        while (((*operator2)->getConditions(seen), !done()) &&
+               std::chrono::steady_clock::now() < until)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    };
+    waitFor([&] { return seen.complete; });
     core().conditions().lost();
-    ASSERT_FALSE(complete());
     int alarms = 0;
     for (std::size_t i = 0; i < tree.size(); i += 7)
     {
-        if (has(tree[i], kFireAlarmGroup))
+        const rpc::Id group = has(tree[i], kFireAlarmGroup) ? kFireAlarmGroup : kFaultGroup;
+        if (has(tree[i], group))
         {
-            (*operator2)->setState(tree[i].uuid, kFireAlarmGroup, 0x60002);
-            // Every third alarm is reset at once: its event must undo what the scan may have read.
-            if (++alarms % 3 == 0)
-            {
-                (*operator2)->setState(tree[i].uuid, kFireAlarmGroup, kNormal);
-            }
+            (*operator2)->setState(tree[i].uuid, group, group == kFaultGroup ? 0x60004 : 0x60002);
         }
-        else if (has(tree[i], kFaultGroup))
+        // Every third alarm is reset at once: its event must undo what the scan may have read.
+        if (group == kFireAlarmGroup && ++alarms % 3 == 0)
         {
-            (*operator2)->setState(tree[i].uuid, kFaultGroup, 0x60004);
+            (*operator2)->setState(tree[i].uuid, group, kNormal);
         }
     }
-    EXPECT_FALSE(complete()) << "the scan ended before the last change: it was not tested";
-    while (!complete() && std::chrono::steady_clock::now() < until)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ASSERT_TRUE(seen.complete);
+    (*operator2)->getConditions(seen);
+    ASSERT_FALSE(seen.complete) << "the scan ended before the last change: it was not tested";
 
-    // What the tree holds now, through the table; the view has it once the pump has passed on
-    // the last change.
+    // What the tree holds now, through the table; the view has it once the scan is done and the
+    // pump has passed on the last change.
     std::map<Kind::type, std::set<std::pair<rpc::Uuid, rpc::Id>>> truth;
-    tree = wholeTree(*operator2);
-    for (const auto& element : tree)
+    for (const auto& element : wholeTree(*operator2))
     {
         for (const auto& state : element.states)
         {
@@ -135,13 +127,12 @@ TEST_F(Conditions, TheTreeReadInSlicesWithEventsOnTopEndsRight)
         }
     }
     ASSERT_GT(truth[Kind::FIRE].size(), 20u);
-    while (seen.fires + seen.faults != static_cast<std::int64_t>(truth[Kind::FIRE].size() +
-                                                                 truth[Kind::FAULT].size()) &&
-           std::chrono::steady_clock::now() < until)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        (*operator2)->getConditions(seen);
-    }
+    waitFor([&] {
+        return seen.complete && seen.fires + seen.faults ==
+                                    static_cast<std::int64_t>(truth[Kind::FIRE].size() +
+                                                              truth[Kind::FAULT].size());
+    });
+    ASSERT_TRUE(seen.complete);
     EXPECT_EQ(seen.fires, static_cast<std::int64_t>(truth[Kind::FIRE].size()));
     EXPECT_EQ(seen.faults, static_cast<std::int64_t>(truth[Kind::FAULT].size()));
     EXPECT_EQ(seen.disablements, static_cast<std::int64_t>(truth[Kind::DISABLEMENT].size()));

@@ -74,7 +74,7 @@ test('the page loads with the panel, its summary and its disabled detector, and 
         ['DISABLEMENT', kitchen.idString, 'Staff kitchen', 'Zone 1, Ground floor', 'DisablementState: Disabled']);
     // Choosing the row opens the tree down to the element, which shows its ID string, type and
     // state in words; the search finds it among the elements shown.
-    await page.click(`#conditions tr[data-uuid="${kitchen.uuid}"]`);
+    await page.evaluate((uuid) => document.querySelector(`#conditions tr[data-uuid="${uuid}"]`).click(), kitchen.uuid);
     await page.waitForFunction(() => document.activeElement.textContent.includes('Staff kitchen ('), { timeout: 5000 });
     await page.type('#search', 'kitchen');
     const shown = await readAll('#tree button.element', (bs) => bs.filter((b) => b.offsetParent).map((b) => b.textContent));

@@ -41,6 +41,7 @@ const page = {
     events: [],
     selected: null,
     treeItems: new Map(), // uuid -> the tree's button of the element
+    treeLoaded: null, // the promise of the tree's first level
     types: new Map(), // typeId -> promise of its TypeInfo
 };
 
@@ -111,6 +112,8 @@ async function load() {
     page.levels = levels;
     page.level = session.accessLevel;
     page.events = [];
+    page.shownRows = null;
+    page.shownEvents = null;
     showSession();
     render();
 }
@@ -137,6 +140,8 @@ async function subscribeAll(generation) {
 // The root and its children; the rest as the operator opens them.
 async function loadTree(generation) {
     page.elements = new Map();
+    page.selected = null;
+    $('details').hidden = true;
     page.root = num(await page.client.getRoot());
     await loadChildren(page.root);
     if (generation !== page.generation) return;
@@ -212,7 +217,8 @@ async function connect() {
     follow(generation).catch(lost);
     subscribeAll(generation).catch(lost);
     showPanelName().catch(lost);
-    loadTree(generation).catch(lost);
+    page.treeLoaded = loadTree(generation);
+    page.treeLoaded.catch(lost);
 }
 
 function showLost(error) {
@@ -238,17 +244,22 @@ function render() {
     summary.className = counts.fire ? 'alarm' : '';
 
     const rows = page.conditions.filter((c) => LISTED.includes(c.kind));
-    $('conditions').tBodies[0].replaceChildren(...rows.map((c) => {
+    // The rows are made anew only when they change: a row being chosen stays where it is.
+    const shown = JSON.stringify(rows);
+    if (shown !== page.shownRows) $('conditions').tBodies[0].replaceChildren(...rows.map((c) => {
         const row = document.createElement('tr');
         row.className = c.kind;
         row.dataset.uuid = c.uuid;
+        row.tabIndex = 0;
         row.addEventListener('click', () => reveal(c.uuid));
+        row.addEventListener('keydown', (event) => { if (event.key === 'Enter') reveal(c.uuid); });
         for (const text of [KIND_WORDS[c.kind], timeText(c.timeMs), c.idString, c.label, c.zoneLabel,
             `${nameOf('stateGroups', c.group)}: ${nameOf('stateValues', c.value)}`]) {
             row.insertCell().textContent = text;
         }
         return row;
     }));
+    page.shownRows = shown;
     const hidden = LISTED.filter((kind) => counts[kind] > rows.filter((c) => c.kind === kind).length);
     $('more-conditions').hidden = !hidden.length;
     $('more-conditions').textContent = hidden.length
@@ -256,7 +267,7 @@ function render() {
         : '';
     $('no-conditions').hidden = !(normal && list.complete);
 
-    $('events').replaceChildren(...page.events.map((e) => {
+    if (page.shownEvents !== page.events[0]) $('events').replaceChildren(...page.events.map((e) => {
         const item = document.createElement('li');
         item.className = e.kind ?? '';
         const kind = document.createElement('span');
@@ -265,8 +276,9 @@ function render() {
         item.append(`${timeText(e.timeMs)} `, kind, ` ${e.text}`);
         return item;
     }));
+    page.shownEvents = page.events[0];
     showActions();
-    if (page.selected) showDetails(page.selected, false);
+    if (page.elements.has(page.selected)) showDetails(page.selected, false);
 }
 
 // ---- The element tree: what is open, loaded as it is opened -----------------------------------
@@ -344,6 +356,7 @@ async function openItem(item, open) {
 
 // Opens the tree down to the element and shows its details.
 async function reveal(uuid) {
+    await page.treeLoaded;
     const path = [uuid];
     while (!page.treeItems.has(path[0])) {
         const parent = num(await page.client.getParent(path[0]));
