@@ -46,7 +46,7 @@ def in_sessions(seconds, body):
 def alarm_elements(client):
     """The elements with a fire-alarm state group."""
     found = []
-    for uuid in client.collectSubtree(0, 0):
+    for uuid in egwdProcess.collect_all(client, 0, 0):
         try:
             client.getState(uuid, GROUP)
             found.append(uuid)

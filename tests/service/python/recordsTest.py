@@ -246,7 +246,7 @@ class GapTest(RecordsTestCase):
         egwd = self.start("--event-queue", "1", "--database", database)
         probe = egwd.connect_at(3)
         elements = []
-        for uuid in probe.collectSubtree(0, 0):
+        for uuid in egwdProcess.collect_all(probe, 0, 0):
             try:
                 probe.getState(uuid, FIRE_ALARM_GROUP)
                 elements.append(uuid)
