@@ -3,7 +3,11 @@
 // it, read through the gateway's type-library queries. Its text form is the Markdown page
 // docs/types.md, so that the page is made from the library and cannot drift from it.
 #include <algorithm>
+#include <cstdint>
 #include <ostream>
+
+#include "host/elementServer.h"
+#include "identity/gatewayIdentity.h"
 
 #include "tools/egwTool.h"
 
@@ -62,10 +66,48 @@ Json idList(const Panel& panel, IdKind kind, const std::vector<unsigned int>& id
     return list;
 }
 
+// The ID string's list that the type is in, asked of the gateway itself: an element of the type
+// standing alone, with address and device ID 1, gives whoami the one number of its list. The
+// types command runs on its own empty tree, so the probe is the tree's only element while it
+// lives.
+std::string identityList(UINT32 type)
+{
+    static const char* const kLists[] = {"root: its address", "section: its address",
+                                         "point: its device ID", "sub-unit: its address",
+                                         "four-digit: its address"};
+    ElementServer* server = ElementServer::GetElementServer();
+    int error = 0;
+    Element probe = server->AddElement(nullptr, static_cast<unsigned short>(type & 0xFFFF), false,
+                                       &error, false);
+    if (error != 0)
+    {
+        return "not known";
+    }
+    for (const unsigned short property : {0x0004, 0x0005})
+    {
+        std::uint32_t one = 1;
+        Property value(property);
+        value.SetData(&one, sizeof one);
+        probe.SetProperty(value, true);
+    }
+    unsigned int numbers[5] = {};
+    whoami(probe, numbers[0], numbers[1], numbers[2], numbers[3], numbers[4]);
+    server->DeleteElement(probe, false);
+    for (int list = 0; list < 5; ++list)
+    {
+        if (numbers[list] != 0)
+        {
+            return kLists[list];
+        }
+    }
+    return "none";
+}
+
 Json describeType(const Panel& panel, UINT32 type)
 {
     Json j;
     j["type"] = panel.idText(IdKind::ElementType, type);
+    j["identityList"] = identityList(type);
     j["visibility"] = hexText(EGW_BASIC_GetVisibleByElementType(type));
 
     std::vector<EGW_PropertyDef_Thrift> properties;
@@ -165,7 +207,10 @@ void printTypes(const Json& answer, std::ostream& out)
         << "The element types of the type library `" << answer["source"].get<std::string>()
         << "`, as a panel file names them (see [panel-config.md](panel-config.md)): their "
            "properties with storage type and default value, their state groups with the values "
-           "they take, their commands and the element types that may stand below them.\n\n"
+           "they take, their commands, the element types that may stand below them and which of "
+           "the ID string's type lists the type is in, with the number that an element of the "
+           "type adds to its own ID string and its descendants' (none: the element shows its "
+           "ancestors' numbers only).\n\n"
         << "This page is written by `egw types`; regenerate it with `cmake --build <build> "
            "--target egw_types_page`. "
         << answer["types"].size() << " element types.\n";
@@ -174,6 +219,7 @@ void printTypes(const Json& answer, std::ostream& out)
         out << "\n## " << type["type"].get<std::string>() << "\n\n"
             << "Visibility " << type["visibility"].get<std::string>()
             << ". Commands: " << joined(type["commands"]) << ".\n\n"
+            << "ID string list: " << type["identityList"].get<std::string>() << ".\n\n"
             << "Child types: " << joined(type["childTypes"]) << ".\n";
         if (!type["properties"].empty())
         {

@@ -1,6 +1,8 @@
 // Large panels for benchmarks: a card rack of loop cards, each driving one loop of addressable
 // devices, with one input zone and one evacuation zone per loop. The element types are those of
-// the sample type library. The file is written as it is made, one element a line, so that a panel
+// the sample type library. Every zone stands in its own area, whose four-digit number is the
+// zone's identity: input zones 1 to L, evacuation zones L+1 to 2L. Every device and zone carries a
+// label that names it. The file is written as it is made, one element a line, so that a panel
 // of millions of elements never stands in memory.
 #include <ostream>
 #include <sstream>
@@ -15,6 +17,10 @@ namespace
 
 constexpr const char* kProxy = "0x20002";
 constexpr const char* kZoneMember = "0x20001";
+// Section addresses, distinct across the panel.
+constexpr unsigned kCardRackSection = 1;
+constexpr unsigned kInputZoneSection = 2;
+constexpr unsigned kEvacuationSection = 3;
 // The card rack has eight loop-card slot types; larger panels use them again in turn.
 constexpr unsigned kLoopCardSlots = 8;
 
@@ -96,6 +102,11 @@ std::string relation(const char* type, const std::string& to)
     return std::string("{\"type\":\"") + type + "\",\"to\":\"" + to + "\"}";
 }
 
+std::string label(const std::string& text)
+{
+    return ",\"Label\":\"" + text + "\"";
+}
+
 // Device n of a loop: every tenth an input/output module with two channels, every fifth a sounder,
 // the others detectors, with a manual call point among every ten.
 void device(Writer& w, unsigned loop, unsigned n)
@@ -103,12 +114,14 @@ void device(Writer& w, unsigned loop, unsigned n)
     static const char* const kDetectors[] = {"OpticalSmokeDetector", "HeatDetector",
                                              "MultiSensorDetector", "ManualCallPoint"};
     const std::string evacuation = relation(kProxy, "evac-" + std::to_string(loop));
-    const std::string deviceId = ",\"DeviceId\":" + std::to_string(loop * 0x10000u + n);
+    const std::string name = "Loop " + std::to_string(loop) + ", device " + std::to_string(n);
+    const std::string deviceId =
+        ",\"DeviceId\":" + std::to_string(loop * 0x10000u + n) + label(name);
     if (n % 10 == 0)
     {
         w.open(std::string(), "InputOutputModule", n, deviceId);
-        w.leaf(std::string(), "InputChannel", 1, std::string(), evacuation);
-        w.leaf(std::string(), "OutputChannel", 2);
+        w.leaf(std::string(), "InputChannel", 1, label(name + ", input"), evacuation);
+        w.leaf(std::string(), "OutputChannel", 2, label(name + ", output"));
         w.close();
     }
     else if (n % 5 == 0)
@@ -126,8 +139,8 @@ void device(Writer& w, unsigned loop, unsigned n)
 
 unsigned long long generatedElementCount(unsigned loops, unsigned devicesPerLoop)
 {
-    return 8ull + static_cast<unsigned long long>(loops) *
-                      (4ull + devicesPerLoop + 2ull * (devicesPerLoop / 10));
+    return 6ull + static_cast<unsigned long long>(loops) *
+                      (6ull + devicesPerLoop + 2ull * (devicesPerLoop / 10));
 }
 
 void generatePanel(std::ostream& out, unsigned loops, unsigned devicesPerLoop,
@@ -138,7 +151,7 @@ void generatePanel(std::ostream& out, unsigned loops, unsigned devicesPerLoop,
         << devicesPerLoop << " devices\", \"root\":\n";
     w.open("panel", "Panel", 1);
     w.open(std::string(), "HardwareRoot", 0);
-    w.open(std::string(), "CardRack", 1);
+    w.open(std::string(), "CardRack", kCardRackSection);
     for (unsigned loop = 1; loop <= loops; ++loop)
     {
         w.open(std::string(), "LoopCard" + std::to_string((loop - 1) % kLoopCardSlots + 1), loop);
@@ -153,23 +166,25 @@ void generatePanel(std::ostream& out, unsigned loops, unsigned devicesPerLoop,
     w.close();
     w.close();
     w.open(std::string(), "DetectionRoot", 0);
-    w.open(std::string(), "InputZoneSection", 1);
-    w.open(std::string(), "InputZoneArea", 1);
+    w.open(std::string(), "InputZoneSection", kInputZoneSection);
     for (unsigned loop = 1; loop <= loops; ++loop)
     {
         const std::string n = std::to_string(loop);
-        w.leaf("zone-" + n, "InputZone", loop, ",\"ZoneText\":\"Loop " + n + "\"");
+        w.open(std::string(), "InputZoneArea", loop, label("Zone " + n));
+        w.leaf("zone-" + n, "InputZone", loop,
+               label("Zone " + n) + ",\"ZoneText\":\"Loop " + n + "\"");
+        w.close();
     }
     w.close();
-    w.close();
-    w.open(std::string(), "EvacuationSection", 1);
-    w.open(std::string(), "EvacuationArea", 1);
+    w.open(std::string(), "EvacuationSection", kEvacuationSection);
     for (unsigned loop = 1; loop <= loops; ++loop)
     {
         const std::string n = std::to_string(loop);
-        w.leaf("evac-" + n, "EvacuationZone", loop, ",\"ZoneText\":\"Evacuation zone " + n + "\"");
+        w.open(std::string(), "EvacuationArea", loops + loop, label("Evacuation zone " + n));
+        w.leaf("evac-" + n, "EvacuationZone", loop,
+               label("Evacuation zone " + n) + ",\"ZoneText\":\"Evacuation zone " + n + "\"");
+        w.close();
     }
-    w.close();
     w.close();
     w.close();
     w.close();

@@ -49,7 +49,7 @@ function(egw_script name expression script)
 endfunction()
 
 egw_run(demo
-  "FIRE ALARM  OpticalSmokeDetector \"Reception, ceiling\"\n    ID string 01\\.001; FireAlarmState: Normal -> FireAlarm\n    category 7 \\(detector\\)\n    element #[0-9]+  address 1  ID 01\\.001  OpticalSmokeDetector  \"Reception, ceiling\"\n    parent  #[0-9]+  address 1  ID 01\\.0001  EvacuationArea  \"Building\"\n    proxy   #[0-9]+  address 1  ID 01\\.0001  EvacuationZone  \"Evacuation zone 1\"\n    device  0x00100001\n\n\nSilenced: OutputState Silenced on #"
+  "FIRE ALARM  OpticalSmokeDetector \"Reception, ceiling\"\n    ID string 01\\.001; FireAlarmState: Normal -> FireAlarm\n    category 7 \\(detector\\)\n    element #[0-9]+  address 1  ID 01\\.001  OpticalSmokeDetector  \"Reception, ceiling\"\n    parent  #[0-9]+  address 101  ID 01\\.0101  EvacuationArea  \"Evacuation zone 1\"\n    proxy   #[0-9]+  address 1  ID 01\\.0101  EvacuationZone  \"Evacuation zone 1\"\n    device  0x00100001\n\n\nSilenced: OutputState Silenced on #"
   demo)
 egw_run(demo_silence
   "Silenced: OutputState Silenced on #[0-9]+\nDelivered event 0x03010005\n\nPanel display:\n  OUTPUT SILENCED  LoopSounder \"Corridor sounder, ground floor\"\n    ID string 01\\.001; OutputState: Activated -> Silenced\n.*exit status 0"
@@ -58,7 +58,7 @@ egw_run(tree
   "RepeaterPanel #[0-9]+  ID 01\\.002\\.00A1B2C3  address 1.*UnitDisplay #[0-9]+  ID 01\\.002\\.00A1B2C3\\.03.*MainsInput #[0-9]+  ID 01\\.003\\.01.*RoutingArea #[0-9]+  ID 01\\.0012.*ControlGroup #[0-9]+  ID 01  address 1.*exit status 0"
   tree)
 egw_run(show_base_sounder
-  "DetectorBaseSounder #[0-9]+  ID 01\\.001  address 131.*category 12 \\(detector base sounder\\)\n  element #[0-9]+  address 1  .*proxy   #[0-9]+  address 1  ID 01\\.0001  EvacuationZone.*device  0x00100001\nexit status 0"
+  "DetectorBaseSounder #[0-9]+  ID 01\\.001  address 131.*category 12 \\(detector base sounder\\)\n  element #[0-9]+  address 1  .*proxy   #[0-9]+  address 1  ID 01\\.0101  EvacuationZone.*device  0x00100001\nexit status 0"
   show base-sounder-1-001)
 egw_run(show_relations
   "0x20001 to InputZone #[0-9]+  ID 01\\.0001  address 1  \"Zone 1\"  \\[zone-ground\\]\n  0x20002 to EvacuationZone .*\\[evac-ground\\]"
@@ -134,7 +134,7 @@ egw_run(gateway_report_is_refused
 egw_script(output_lost "^egw: standard output: cannot be written: No space left on device\nexit status 1"
   "egw tree 2>&1 >/dev/full")
 egw_run(generate_too_large
-  "^egw: generate: --loops 65535 --devices 65535 make 5154000083 elements; egw generates at most 10000000\nexit status 2"
+  "^egw: generate: --loops 65535 --devices 65535 make 5154131151 elements; egw generates at most 10000000\nexit status 2"
   generate --loops 65535 --devices 65535 -o large.json)
 egw_run(generate_unwritable
   "^egw: missing/panel\\.json: cannot be written: No such file or directory\nexit status 1"
@@ -158,7 +158,7 @@ egw_script(types_page "^exit status 0"
 egw_run(bad_panel
   "egw: .*badPanel\\.json: /root/properties/Adress: \"Adress\" names no property .*exit status 1"
   --panel badPanel.json tree)
-egw_run(generate_and_load "EvacuationZone #[0-9]+  ID 01\\.0001  address 2  \\[evac-2\\]"
+egw_run(generate_and_load "EvacuationZone #[0-9]+  ID 01\\.0004  address 2  \"Evacuation zone 2\"  \\[evac-2\\]"
   generate --loops 2 --devices 5 -o generated.json && ${EGW_RUN_EMULATOR} \"$<TARGET_FILE:egw>\" --panel generated.json show evac-2)
 
 # egw audit and egw history against a real egwd and its database file.

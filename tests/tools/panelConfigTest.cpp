@@ -1,6 +1,7 @@
 // Panel configuration files: the sample panel, refused files, host faults while building, the
 // generator and single property values.
 #include <functional>
+#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -401,8 +402,9 @@ TEST_F(PanelConfigTest, GeneratedPanelHasItsLoopsDevicesZonesAndProxies)
 {
     std::string error;
     ASSERT_TRUE(load(panelconfig::generatePanelText(3, 20), error)) << error;
-    // 8 fixed elements; per loop a card, the loop, 20 devices, 2 modules' 4 channels, 2 zones.
-    EXPECT_EQ(panelsim::elementCount(), 8u + 3u * (4u + 20u + 4u));
+    // 6 fixed elements; per loop a card, the loop, 20 devices, 2 modules' 4 channels, 2 zones in
+    // their areas.
+    EXPECT_EQ(panelsim::elementCount(), 6u + 3u * (6u + 20u + 4u));
     std::vector<int> proxied;
     EGW_ElementServerGetReferenceRelations(proxied, panel_.uuidOf("evac-2"), 0x20002, 0, nullptr);
     EXPECT_EQ(proxied.size(), 20u); // 16 detectors, 2 sounders, 2 input channels
@@ -416,6 +418,46 @@ TEST_F(PanelConfigTest, GeneratedPanelHasItsLoopsDevicesZonesAndProxies)
         EXPECT_EQ(EGW_ElementServerGetElementTypeByUuid(
                       EGW_ELementServerGetParentUuid(loop, nullptr), nullptr),
                   0x70206u);
+    }
+}
+
+// Zones are told apart by the four-digit number of their area, devices of the point list and
+// their sub-units by the device ID: no two of them show the same ID string.
+TEST_F(PanelConfigTest, ZonesAndPointDevicesHaveIdStringsOfTheirOwn)
+{
+    const std::set<UINT32> zoneTypes = {
+        id(IdKind::ElementType, "InputZone"), id(IdKind::ElementType, "ConventionalInputZone"),
+        id(IdKind::ElementType, "EvacuationZone"), id(IdKind::ElementType, "EvacuationZoneGroup")};
+    const auto isPoint = [](UINT32 uuid) {
+        return IsPoints(EGW_ElementServerGetElementTypeByUuid(uuid, nullptr) & 0xFFFF) == TRUE;
+    };
+    const std::pair<std::string, std::size_t> cases[] = {
+        {"", 14}, // the sample
+        {panelconfig::generatePanelText(3, 20), 6}};
+    for (const auto& [text, identified] : cases)
+    {
+        SCOPED_TRACE(text.empty() ? "sample panel" : "generated panel");
+        panelsim::reset();
+        panel_ = {};
+        std::string error;
+        ASSERT_TRUE(text.empty()
+                        ? panelconfig::loadPanelFile(EGW_SAMPLE_PANEL_FILE, names_, panel_, error)
+                        : load(text, error))
+            << error;
+        std::map<std::string, UINT32> holders;
+        for (const panelconfig::LoadedElement& element : panel_.elements)
+        {
+            const UINT32 uuid = element.uuid;
+            if (zoneTypes.count(EGW_ElementServerGetElementTypeByUuid(uuid, nullptr)) != 0 ||
+                isPoint(uuid) || isPoint(EGW_ELementServerGetParentUuid(uuid, nullptr)))
+            {
+                std::string idString;
+                EGW_ElementServerGetIDStringOfElement(idString, uuid, nullptr);
+                const auto [held, fresh] = holders.emplace(idString, uuid);
+                EXPECT_TRUE(fresh) << idString << " of #" << uuid << " and #" << held->second;
+            }
+        }
+        EXPECT_EQ(holders.size(), identified);
     }
 }
 
