@@ -36,10 +36,10 @@ at 2 2222 events >/dev/null
 
 expect "audit from the database file" \
     'session [0-9]+ from 127\.0\.0\.1:[0-9]+ at level 3  setInteger  element #[0-9]+ ID 01\.001  "50" -> "61"  ok\nexit 0' \
-    "$(db audit --operation setInteger)"
-expect "audit asked of egwd at level 3, as JSON" \
+    "$(db audit --operation setInteger --limit 1)"
+expect "audit asked of egwd at level 3, as JSON, a full last page" \
     '"operation": "setInteger",.*"before": "50",.*"after": "61",.*"result": "ok".*"next": null\n\}\nexit 0' \
-    "$(at 3 3333 --json audit --operation setInteger)"
+    "$(at 3 3333 --json audit --operation setInteger --limit 1)"
 expect "audit refused below level 3" 'egw: queryAudit needs access level 3[^\n]*\nexit 1' \
     "$(at 2 2222 audit)"
 expect "failed logins in the audit" 'loginFailed  "1" -> -  level 3: wrong password\nexit 0' \
