@@ -11,6 +11,7 @@
 #include "service/auditTrail.h"
 #include "service/database.h"
 #include "service/passwords.h"
+#include "tools/valueRules.h"
 
 namespace egwservice
 {
@@ -1050,9 +1051,7 @@ void PanelHandler::setInteger(Uuid uuid, Id propertyId, std::int64_t value)
             }
             if (value < low || value > high)
             {
-                refuse(ErrorCode::VALUE_OUT_OF_RANGE,
-                       "property " + hex(p) + " holds " + std::to_string(low) + " to " +
-                           std::to_string(high) + "; " + std::to_string(value) + " does not fit");
+                refuse(ErrorCode::VALUE_OUT_OF_RANGE, egwvalues::outOfRange(p, low, high, value));
             }
         });
     });
