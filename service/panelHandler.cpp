@@ -920,19 +920,23 @@ void PanelHandler::readProperty(rpc::PropertyValue& _return, Uuid uuid, Id prope
 namespace
 {
 
-// A typed read's value; refused when the property is of another storage or holds nothing.
-const rpc::PropertyValue& typed(const rpc::PropertyValue& value, bool isset, const char* wanted,
-                                UINT32 propertyId, UINT32 uuid)
+// A typed read's value. Refused when the property is of another storage type (as the setters
+// refuse it), and when the element holds no value of the kind asked for: a date-time property
+// whose element holds nothing, or bytes that are no date-time record, has no date-time to give.
+const rpc::PropertyValue& typed(const rpc::PropertyValue& value,
+                                std::initializer_list<Storage> storages, bool isset,
+                                const char* wanted, UINT32 propertyId, UINT32 uuid)
 {
-    if (!isset)
+    const Storage storage = storageOf(static_cast<UINT32>(value.storageType));
+    if (std::find(storages.begin(), storages.end(), storage) == storages.end())
     {
         refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(propertyId) + " has storage type " +
                                             std::to_string(value.storageType) + ", not " + wanted);
     }
-    if (!value.present)
+    if (!value.present || !isset)
     {
-        refuse(ErrorCode::NOT_DEFINED, "element " + std::to_string(uuid) + " holds no value of property " +
-                                           hex(propertyId));
+        refuse(ErrorCode::NOT_DEFINED, "element " + std::to_string(uuid) +
+                                           " holds no value of property " + hex(propertyId));
     }
     return value;
 }
@@ -946,7 +950,7 @@ bool PanelHandler::getBool(Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        return typed(v, v.__isset.truth, "a truth value", p, s.uuid).truth;
+        return typed(v, {Storage::Truth}, v.__isset.truth, "a truth value", p, s.uuid).truth;
     });
 }
 
@@ -957,7 +961,9 @@ std::int64_t PanelHandler::getInteger(Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        return typed(v, v.__isset.integer, "an integer", p, s.uuid).integer;
+        return typed(v, {Storage::Integer8, Storage::Integer16, Storage::Integer32},
+                     v.__isset.integer, "an integer", p, s.uuid)
+            .integer;
     });
 }
 
@@ -968,7 +974,9 @@ void PanelHandler::getDateTime(rpc::DateTime& _return, Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        _return = typed(v, v.__isset.dateTime, "a date-time record", p, s.uuid).dateTime;
+        _return = typed(v, {Storage::DateTime}, v.__isset.dateTime, "a date-time record", p,
+                        s.uuid)
+                      .dateTime;
     });
 }
 
@@ -978,12 +986,11 @@ void PanelHandler::getBytes(std::string& _return, Uuid uuid, Id propertyId)
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
-        // Any property can be read as the bytes the element holds.
-        if (EGW_ElementServerGetPropertyDataByPropertyID(s.uuid, p, _return, client()) != TRUE)
-        {
-            refuse(ErrorCode::NOT_DEFINED,
-                   elementText(s) + " holds no value of property " + hex(p));
-        }
+        // A byte string, or a property the type library does not know (held as its bytes).
+        const rpc::PropertyValue v = read(s, p);
+        _return = typed(v, {Storage::Bytes, Storage::None}, v.__isset.bytes, "a byte string", p,
+                        s.uuid)
+                      .bytes;
     });
 }
 
