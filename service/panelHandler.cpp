@@ -6,6 +6,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include <nlohmann/json.hpp>
+
 #include "panelService_constants.h"
 #include "service/accessLevels.h"
 #include "service/auditTrail.h"
@@ -167,13 +169,27 @@ std::string twoDigits(std::int64_t n)
     return (n < 10 ? "0" : "") + std::to_string(n);
 }
 
-// Printable text as it is; anything else as "hex:" and two digits per byte.
+// Text as it is when it is valid UTF-8 without control characters (a label in the operator's
+// language stays readable); anything else as "hex:" and two digits per byte.
 std::string bytesText(const std::string& bytes)
 {
-    const bool printable = std::all_of(bytes.begin(), bytes.end(), [](char c) {
-        return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x7F;
+    const bool noControls = std::none_of(bytes.begin(), bytes.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
     });
-    if (printable)
+    bool utf8 = false;
+    if (noControls)
+    {
+        try
+        {
+            // The JSON library refuses to write a string that is not valid UTF-8.
+            static_cast<void>(nlohmann::json(bytes).dump());
+            utf8 = true;
+        }
+        catch (const nlohmann::json::type_error&)
+        {
+        }
+    }
+    if (utf8)
     {
         return bytes;
     }
