@@ -6,6 +6,8 @@ reads, snapshots and state-change events, over the binary and the compact protoc
 import threading
 import time
 
+from thrift.Thrift import TApplicationException, TMessageType
+
 from egw_rpc.ttypes import DateTime, PropertyRef, StateChange, Subscription, SubscriptionKind
 
 import egwdProcess
@@ -159,6 +161,24 @@ class RemoteSessionTest(EgwdTestCase, SessionChecks):
         date = DateTime(year=2025, month=256, day=1, weekDay=1, secondOfDay=0, microsecond=0)
         self.assertPanelError(ErrorCode.VALUE_OUT_OF_RANGE, engineer.setDateTime, detector,
                               LAST_SERVICE_DATE, date)
+
+    def test_an_unknown_method_is_named_back_cut_short(self):
+        client = self.egwd.connect()
+        out, into = client._oprot, client._iprot
+        out.writeMessageBegin("x" * 500000, TMessageType.CALL, 1)
+        out.writeStructBegin("arguments")
+        out.writeFieldStop()
+        out.writeStructEnd()
+        out.writeMessageEnd()
+        out.trans.flush()
+        name, kind, _ = into.readMessageBegin()
+        error = TApplicationException()
+        error.read(into)
+        self.assertEqual((kind, error.type), (TMessageType.EXCEPTION,
+                                              TApplicationException.UNKNOWN_METHOD))
+        self.assertEqual(name, "x" * 64 + "...")
+        self.assertLess(len(error.message), 200)
+        self.assertEqual(client.echo(5), 5)  # the connection is kept
 
     def test_unknown_uuid_and_wrong_category(self):
         c, detector = self.client, self.panel.uuid["det-1-001"]
