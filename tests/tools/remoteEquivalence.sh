@@ -14,7 +14,7 @@ cleanup()
 }
 trap cleanup EXIT
 
-"$egwd" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
+"$egwd" --port 0 --database :memory: >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
 for _ in $(seq 300); do
     grep -q 'serving' "$work/egwd.out" && break
