@@ -230,7 +230,8 @@ check_packages()
     expect_paths "$simulator" "$usr_lib/libpanelsim\.so\.$major" \
         "$usr_lib/libpanelsim\.so\.$major\..*" -- "$usr_lib/libelementGateway.*" \
         "usr/include/.*" "usr/bin/.*"
-    expect_paths "$tools" "usr/bin/egw" "usr/share/elementGateway/samplePanel\.json" -- \
+    expect_paths "$tools" "usr/bin/egw" "usr/share/elementGateway/samplePanel\.json" \
+        "usr/share/man/man1/egw\.1\.gz" -- \
         "$usr_lib/.*" "usr/include/.*"
     echo "packages hold their parts:" "${runtime##*/}" "${development##*/}" "${simulator##*/}" \
         "${tools##*/}"
@@ -241,7 +242,7 @@ check_packages()
             "usr/lib/python3/dist-packages/egw_rpc/PanelService\.py" \
             "usr/share/elementGateway/examples/egwClientExample\.py" \
             "usr/lib/systemd/system/egwd\.service" \
-            "etc/default/egwd" \
+            "etc/default/egwd" "usr/share/man/man1/egwd\.1\.gz" \
             "usr/share/elementGateway/web/index\.html" "usr/share/elementGateway/web/page\.js" \
             "usr/share/elementGateway/web/style\.css" -- "$usr_lib/lib.*" \
             "usr/include/.*"
