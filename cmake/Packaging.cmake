@@ -79,6 +79,7 @@ if(NOT EGW_EXTERNAL_HOST)
     set(CPACK_COMPONENT_SERVICE_DESCRIPTION
         "Element gateway of the fire-detection panel: the panel service egwd and its clients")
     egw_depends(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "${runtime}" "${simulator}" python3-thrift)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/service/debian/conffiles)
   endif()
 endif()
 include(CPack)

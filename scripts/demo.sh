@@ -46,7 +46,7 @@ stop_service()
 trap stop_service EXIT
 trap 'exit 130' INT TERM
 
-"$service" --port 0 "${page[@]}" >"$work/egwd.out" 2>"$work/egwd.err" &
+"$service" --port 0 --database "$work/egwd.db" "${page[@]}" >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
 for _ in $(seq 100); do
     grep -q 'serving' "$work/egwd.out" 2>/dev/null && break

@@ -7,7 +7,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build g++ clang clang-14 libclang-rt-14-dev ccache pkg-config
-          binutils file dpkg-dev python3
+          binutils file dpkg-dev python3 help2man
           googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev
           libthrift-dev thrift-compiler python3-thrift libboost-dev libssl-dev openssl libsqlite3-dev)
 # The operator page: its HTTP listener, its browser tests (chromium; the audit read with sqlite3;

@@ -1,5 +1,8 @@
 #include "service/database.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -100,6 +103,18 @@ void Database::open(const std::string& name, int flags)
 
 Database::Database(const std::string& file, Access access) : file_(file)
 {
+    // A new file is made readable by its owner only: the audit trail tells who did what on the
+    // panel, and when. SQLite gives its -wal and -shm files the mode of the database file.
+    if (access == Access::Write && !file.empty() && file != ":memory:" &&
+        file.rfind("file:", 0) != 0)
+    {
+        const int made = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (made >= 0)
+        {
+            ::close(made);
+        }
+        // Otherwise SQLite's own open below says why the file cannot be used.
+    }
     open(file, access == Access::Write ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
                                        : SQLITE_OPEN_READONLY);
     try

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <thread>
@@ -186,11 +187,14 @@ int main(int argc, char** argv)
         ->capture_default_str()
         ->check(CLI::Range(4096, 256 * 1024 * 1024));
     // Records: the database of the audit trail and the event memory, and what it keeps.
-    service.database = "egwd.db";
+    // No file is written where egwd happens to be started: the database is given, or it lies in
+    // the state directory systemd made for the service.
+    service.database.clear();
     service.followPanel = true;
     app.add_option("--database", service.database,
-                   "SQLite database file of the audit trail and the event memory")
-        ->capture_default_str();
+                   "SQLite database file of the audit trail and the event memory (made with mode "
+                   "0600); :memory: keeps no records past the run. Default under systemd: "
+                   "$STATE_DIRECTORY/egwd.db; elsewhere it must be given");
     app.add_option("--audit-rows", service.auditRetention.rows, "audit rows kept (the newest)")
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{1000000000}));
@@ -271,6 +275,22 @@ int main(int argc, char** argv)
     {
         std::cerr << "egwd: " << e.what() << '\n';
         return 2;
+    }
+    if (service.database.empty())
+    {
+        // systemd's StateDirectory= may name several folders, separated by colons: the first.
+        const char* const state = std::getenv("STATE_DIRECTORY");
+        const std::string first = state == nullptr ? std::string()
+                                                   : std::string(state).substr(
+                                                         0, std::string(state).find(':'));
+        if (first.empty())
+        {
+            std::cerr << "egwd: give --database FILE for the audit trail and the event memory, "
+                         "or --database :memory: for a panel without records (egwd --help shows "
+                         "the usage)\n";
+            return 2;
+        }
+        service.database = first + "/egwd.db";
     }
     service.logins.firstBlock = std::chrono::seconds(firstBlock);
     service.logins.longestBlock = std::chrono::seconds(std::max(firstBlock, longestBlock));

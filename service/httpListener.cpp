@@ -9,6 +9,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <set>
 
 // Debian's cpp-httplib is built with OpenSSL (its pkg-config file says so): SSLServer is there.
 #include <httplib.h>
@@ -84,6 +85,29 @@ void answer(httplib::Response& response, int status, const std::string& text)
 {
     response.status = status;
     response.set_content(text + "\n", "text/plain; charset=utf-8");
+}
+
+// The page's files as they are asked for ("/page.js"), found once when the listener starts. A
+// request for anything else is not found: the mount point alone would open a path cut at a NUL
+// byte ("/index.html%00.css" opened index.html and named it a style sheet).
+std::shared_ptr<const std::set<std::string>> pageFiles(const std::string& webRoot)
+{
+    namespace fs = std::filesystem;
+    fs::path root = fs::absolute(webRoot).lexically_normal();
+    if (!root.has_filename())
+    {
+        root = root.parent_path(); // "web/" is "web"
+    }
+    auto files = std::make_shared<std::set<std::string>>();
+    files->insert("/");
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root))
+    {
+        if (entry.is_regular_file())
+        {
+            files->insert("/" + entry.path().lexically_relative(root).generic_string());
+        }
+    }
+    return files;
 }
 
 std::string lowered(std::string text)
@@ -241,11 +265,26 @@ PageServer::PageServer(ServiceCore& core, PageSettings settings)
     // Every state-changing request names this listener; no request has more header lines than a
     // browser sends.
     const PageSettings& bounds = settings_;
-    http.set_pre_routing_handler([&bounds, withTls](const httplib::Request& request,
-                                                    httplib::Response& response) {
+    std::shared_ptr<const std::set<std::string>> files;
+    try
+    {
+        files = pageFiles(settings_.webRoot);
+    }
+    catch (const std::filesystem::filesystem_error& e)
+    {
+        throw PageRefused("the page's files cannot be listed: " + std::string(e.what()));
+    }
+    http.set_pre_routing_handler([&bounds, withTls, files](const httplib::Request& request,
+                                                           httplib::Response& response) {
         if (request.headers.size() > bounds.maxHeaders)
         {
             answer(response, 431, "more than " + std::to_string(bounds.maxHeaders) + " headers");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if ((request.method == "GET" || request.method == "HEAD") &&
+            files->count(request.path) == 0)
+        {
+            answer(response, 404, "not found");
             return httplib::Server::HandlerResponse::Handled;
         }
         if (request.method == "POST" && !ownPlace(request, bounds, withTls))

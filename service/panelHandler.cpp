@@ -6,11 +6,14 @@
 #include <string_view>
 #include <type_traits>
 
+#include <nlohmann/json.hpp>
+
 #include "panelService_constants.h"
 #include "service/accessLevels.h"
 #include "service/auditTrail.h"
 #include "service/database.h"
 #include "service/passwords.h"
+#include "tools/valueRules.h"
 
 namespace egwservice
 {
@@ -166,13 +169,27 @@ std::string twoDigits(std::int64_t n)
     return (n < 10 ? "0" : "") + std::to_string(n);
 }
 
-// Printable text as it is; anything else as "hex:" and two digits per byte.
+// Text as it is when it is valid UTF-8 without control characters (a label in the operator's
+// language stays readable); anything else as "hex:" and two digits per byte.
 std::string bytesText(const std::string& bytes)
 {
-    const bool printable = std::all_of(bytes.begin(), bytes.end(), [](char c) {
-        return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x7F;
+    const bool noControls = std::none_of(bytes.begin(), bytes.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
     });
-    if (printable)
+    bool utf8 = false;
+    if (noControls)
+    {
+        try
+        {
+            // The JSON library refuses to write a string that is not valid UTF-8.
+            static_cast<void>(nlohmann::json(bytes).dump());
+            utf8 = true;
+        }
+        catch (const nlohmann::json::type_error&)
+        {
+        }
+    }
+    if (utf8)
     {
         return bytes;
     }
@@ -919,19 +936,23 @@ void PanelHandler::readProperty(rpc::PropertyValue& _return, Uuid uuid, Id prope
 namespace
 {
 
-// A typed read's value; refused when the property is of another storage or holds nothing.
-const rpc::PropertyValue& typed(const rpc::PropertyValue& value, bool isset, const char* wanted,
-                                UINT32 propertyId, UINT32 uuid)
+// A typed read's value. Refused when the property is of another storage type (as the setters
+// refuse it), and when the element holds no value of the kind asked for: a date-time property
+// whose element holds nothing, or bytes that are no date-time record, has no date-time to give.
+const rpc::PropertyValue& typed(const rpc::PropertyValue& value,
+                                std::initializer_list<Storage> storages, bool isset,
+                                const char* wanted, UINT32 propertyId, UINT32 uuid)
 {
-    if (!isset)
+    const Storage storage = storageOf(static_cast<UINT32>(value.storageType));
+    if (std::find(storages.begin(), storages.end(), storage) == storages.end())
     {
         refuse(ErrorCode::BAD_ARGUMENT, "property " + hex(propertyId) + " has storage type " +
                                             std::to_string(value.storageType) + ", not " + wanted);
     }
-    if (!value.present)
+    if (!value.present || !isset)
     {
-        refuse(ErrorCode::NOT_DEFINED, "element " + std::to_string(uuid) + " holds no value of property " +
-                                           hex(propertyId));
+        refuse(ErrorCode::NOT_DEFINED, "element " + std::to_string(uuid) +
+                                           " holds no value of property " + hex(propertyId));
     }
     return value;
 }
@@ -945,7 +966,7 @@ bool PanelHandler::getBool(Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        return typed(v, v.__isset.truth, "a truth value", p, s.uuid).truth;
+        return typed(v, {Storage::Truth}, v.__isset.truth, "a truth value", p, s.uuid).truth;
     });
 }
 
@@ -956,7 +977,9 @@ std::int64_t PanelHandler::getInteger(Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        return typed(v, v.__isset.integer, "an integer", p, s.uuid).integer;
+        return typed(v, {Storage::Integer8, Storage::Integer16, Storage::Integer32},
+                     v.__isset.integer, "an integer", p, s.uuid)
+            .integer;
     });
 }
 
@@ -967,7 +990,9 @@ void PanelHandler::getDateTime(rpc::DateTime& _return, Uuid uuid, Id propertyId)
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
         const rpc::PropertyValue v = read(s, p);
-        _return = typed(v, v.__isset.dateTime, "a date-time record", p, s.uuid).dateTime;
+        _return = typed(v, {Storage::DateTime}, v.__isset.dateTime, "a date-time record", p,
+                        s.uuid)
+                      .dateTime;
     });
 }
 
@@ -977,12 +1002,11 @@ void PanelHandler::getBytes(std::string& _return, Uuid uuid, Id propertyId)
         TypeFacts facts;
         const Subject s = facts.element(uuid);
         const UINT32 p = allowedProperty(facts, s, propertyId);
-        // Any property can be read as the bytes the element holds.
-        if (EGW_ElementServerGetPropertyDataByPropertyID(s.uuid, p, _return, client()) != TRUE)
-        {
-            refuse(ErrorCode::NOT_DEFINED,
-                   elementText(s) + " holds no value of property " + hex(p));
-        }
+        // A byte string, or a property the type library does not know (held as its bytes).
+        const rpc::PropertyValue v = read(s, p);
+        _return = typed(v, {Storage::Bytes, Storage::None}, v.__isset.bytes, "a byte string", p,
+                        s.uuid)
+                      .bytes;
     });
 }
 
@@ -1050,9 +1074,7 @@ void PanelHandler::setInteger(Uuid uuid, Id propertyId, std::int64_t value)
             }
             if (value < low || value > high)
             {
-                refuse(ErrorCode::VALUE_OUT_OF_RANGE,
-                       "property " + hex(p) + " holds " + std::to_string(low) + " to " +
-                           std::to_string(high) + "; " + std::to_string(value) + " does not fit");
+                refuse(ErrorCode::VALUE_OUT_OF_RANGE, egwvalues::outOfRange(p, low, high, value));
             }
         });
     });

@@ -113,6 +113,27 @@ public:
         claim(map.size_, leastBytes(map.keyType_) + leastBytes(map.valueType_));
     }
 
+    // A method name is echoed in the reply that refuses it: an unknown name is cut to 64 bytes (at
+    // a character's start) so that a peer cannot have its megabyte sent back. No method's name
+    // comes near that length, so the cut name still names none.
+    std::uint32_t readMessageBegin(std::string& name, apache::thrift::protocol::TMessageType& type,
+                                   std::int32_t& sequence)
+    {
+        const std::uint32_t read = Base::readMessageBegin(name, type, sequence);
+        constexpr std::size_t kLongestName = 64;
+        if (name.size() > kLongestName)
+        {
+            std::size_t cut = kLongestName;
+            while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80)
+            {
+                --cut;
+            }
+            name.resize(cut);
+            name += "...";
+        }
+        return read;
+    }
+
     // The binary protocol sizes a string from its claimed length before reading its bytes; the
     // compact protocol checks the frame itself, and the JSON protocol grows a string as it reads.
     std::uint32_t readString(std::string& text) { return readText(text, false); }

@@ -19,11 +19,21 @@ Json optionalText(const std::optional<std::string>& text)
     return text ? Json(*text) : Json(nullptr);
 }
 
-// The answer's page: its rows, and the id to page on from when the page is full.
-Json page(Json rows, const RecordQuery& query, std::int64_t lastId)
+// The answer's page: its rows, and the id to page on from when more rows follow. A full page may
+// be the last one: whether a row follows it is asked as a page of one row below its last id, so
+// that the last page never sends the operator to an empty one.
+template <typename Read>
+Json page(Json rows, const RecordQuery& query, std::int64_t lastId, Read read)
 {
-    const bool full = static_cast<int>(rows.size()) == query.max;
-    return {{"rows", std::move(rows)}, {"next", full ? Json(lastId) : Json(nullptr)}};
+    bool more = false;
+    if (static_cast<int>(rows.size()) == query.max)
+    {
+        RecordQuery following = query;
+        following.beforeId = lastId;
+        following.max = 1;
+        more = !read(following).empty();
+    }
+    return {{"rows", std::move(rows)}, {"next", more ? Json(lastId) : Json(nullptr)}};
 }
 
 void checkQuery(const RecordQuery& query)
@@ -113,7 +123,8 @@ Json auditCommand(RecordSource& source, const RecordQuery& query)
                         {"result", line.result}});
         lastId = line.id;
     }
-    return page(std::move(rows), query, lastId);
+    return page(std::move(rows), query, lastId,
+                [&](const RecordQuery& following) { return source.audit(following); });
 }
 
 Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery& query)
@@ -149,7 +160,8 @@ Json historyCommand(const Panel& panel, RecordSource& source, const RecordQuery&
         }
         rows.push_back(std::move(row));
     }
-    return page(std::move(rows), query, lastId);
+    return page(std::move(rows), query, lastId,
+                [&](const RecordQuery& following) { return source.history(following); });
 }
 
 void printAudit(const Json& answer, std::ostream& out)

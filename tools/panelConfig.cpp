@@ -3,6 +3,7 @@
 // elements never stands in memory as a JSON document; only then is the plan built through the
 // gateway.
 #include "tools/panelConfig.h"
+#include "tools/valueRules.h"
 
 #include <algorithm>
 #include <cctype>
@@ -324,8 +325,7 @@ Value planValue(UINT32 id, UINT32 storage, const Json& j, const Place& at)
         const long long high = (1LL << (8 * width)) - 1;
         if (number < low || number > high)
         {
-            refuse(at,
-                   holds() + ": expected " + std::to_string(low) + " to " + std::to_string(high));
+            refuse(at, egwvalues::outOfRange(id, low, high, number));
         }
         value.number = static_cast<UINT32>(number);
         break;

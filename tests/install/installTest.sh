@@ -230,7 +230,8 @@ check_packages()
     expect_paths "$simulator" "$usr_lib/libpanelsim\.so\.$major" \
         "$usr_lib/libpanelsim\.so\.$major\..*" -- "$usr_lib/libelementGateway.*" \
         "usr/include/.*" "usr/bin/.*"
-    expect_paths "$tools" "usr/bin/egw" "usr/share/elementGateway/samplePanel\.json" -- \
+    expect_paths "$tools" "usr/bin/egw" "usr/share/elementGateway/samplePanel\.json" \
+        "usr/share/man/man1/egw\.1\.gz" -- \
         "$usr_lib/.*" "usr/include/.*"
     echo "packages hold their parts:" "${runtime##*/}" "${development##*/}" "${simulator##*/}" \
         "${tools##*/}"
@@ -241,9 +242,12 @@ check_packages()
             "usr/lib/python3/dist-packages/egw_rpc/PanelService\.py" \
             "usr/share/elementGateway/examples/egwClientExample\.py" \
             "usr/lib/systemd/system/egwd\.service" \
+            "etc/default/egwd" "usr/share/man/man1/egwd\.1\.gz" \
             "usr/share/elementGateway/web/index\.html" "usr/share/elementGateway/web/page\.js" \
             "usr/share/elementGateway/web/style\.css" -- "$usr_lib/lib.*" \
             "usr/include/.*"
+        dpkg-deb -I "$service" conffiles | grep -qx /etc/default/egwd ||
+            fail "/etc/default/egwd is no conffile of $(basename "$service")"
         packages+=("$service")
     fi
     for deb in "${packages[@]}"; do
@@ -277,6 +281,12 @@ case "$mode" in
         cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
         check_tree "$work/prefix" "$libdir"
         [[ "$variant" == cmake && -e "$build/tools/egw" ]] && run_installed_tool "$work/prefix" "$libdir"
+        # The unit installed into a prefix starts that prefix's egwd.
+        if [[ -e "$build/service/egwd" ]]; then
+            grep -qx "ExecStart=$work/prefix/bin/egwd \$EGWD_OPTIONS" \
+                "$work/prefix/lib/systemd/system/egwd.service" ||
+                fail "the installed unit does not start $work/prefix/bin/egwd"
+        fi
         run_consumer "$work/prefix" "$libdir" "$variant" "$work" "$@"
         ;;
     packages)

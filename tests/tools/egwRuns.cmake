@@ -68,7 +68,7 @@ egw_run(json_get "\"property\": \"0x30005 DeviceId\",\n  \"value\": 10597059\n}\
 egw_run(set_then_read "property: 0x30031 AlarmThreshold\nvalue: 60\nexit status 0"
   set det-1-001 AlarmThreshold 60)
 egw_run(set_out_of_range
-  "egw: property 0x30031 holds 1 bytes: expected 0 to 255\nexit status 1"
+  "egw: property 0x30031 holds 0 to 255; 300 does not fit\nexit status 1"
   set det-1-001 AlarmThreshold 300)
 egw_run(state_set "group: 0x80003 DisablementState\nvalue: 0x60007 Disabled\nexit status 0"
   state mcp-1-004 DisablementState Disabled)

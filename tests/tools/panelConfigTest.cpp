@@ -200,14 +200,14 @@ TEST_F(PanelConfigTest, BadFilesAreRefusedWithPlaceAndProblemAndLeaveNoElement)
         {"1-byte value too large",
          [](Json& f) { detector(f)["properties"]["AlarmThreshold"] = 256; },
          kDetector +
-             "/properties/AlarmThreshold: property 0x30031 holds 1 bytes: expected 0 to 255"},
+             "/properties/AlarmThreshold: property 0x30031 holds 0 to 255; 256 does not fit"},
         {"2-byte value too small",
          [](Json& f) {
              f["root"]["children"][0]["children"][0]["children"][0]["children"][0]["properties"]
               ["CableLengthMetres"] = -32769;
          },
          "/root/children/0/children/0/children/0/children/0/properties/CableLengthMetres: property "
-         "0x30035 holds 2 bytes: expected -32768 to 65535"},
+         "0x30035 holds -32768 to 65535; -32769 does not fit"},
         {"number for a truth value", [](Json& f) { f["root"]["properties"]["BuzzerEnabled"] = 1; },
          "/root/properties/BuzzerEnabled: property 0x30006 holds a truth value: expected true or "
          "false"},
@@ -481,8 +481,7 @@ TEST_F(PanelConfigTest, ValuesAreWrittenAndReadAsInAPanelFile)
         {"loop", "CableLengthMetres", "-5", "-5", ""},
         {"loop", "CableLengthMetres", "65535", "-1", ""},
         {"det", "AlarmThreshold", "255", "255", ""},
-        {"det", "AlarmThreshold", "256", nullptr,
-         "property 0x30031 holds 1 bytes: expected 0 to 255"},
+        {"det", "AlarmThreshold", "256", nullptr, "property 0x30031 holds 0 to 255; 256 does not fit"},
         {"det", "AlarmThreshold", "high", nullptr,
          "property 0x30031 holds 1 bytes: expected a whole number, got \"high\""},
         {"det", "Label", "Hall 2", "\"Hall 2\"", ""},

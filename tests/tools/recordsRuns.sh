@@ -9,7 +9,8 @@ work=$(mktemp -d)
 trap 'kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -rf "$work"' EXIT
 failed=0
 
-"$egwd" --port 0 --database "$work/egwd.db" >"$work/egwd.out" 2>"$work/egwd.err" &
+# Started as systemd starts it: no --database, the state directory in the environment.
+STATE_DIRECTORY=$work "$egwd" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
 pid=$!
 for _ in $(seq 300); do
     grep -qs 'serving' "$work/egwd.out" && break
@@ -34,12 +35,15 @@ expect() {
 at 3 3333 set det-1-001 AlarmThreshold 61 >/dev/null
 at 2 2222 events >/dev/null
 
-expect "audit from the database file" \
+expect "the database in the state directory, for its owner only" '^600$' \
+    "$(stat -c %a "$work/egwd.db")"
+# A full page that is the last one says there is no more.
+expect "audit from the database file, a full last page" \
     'session [0-9]+ from 127\.0\.0\.1:[0-9]+ at level 3  setInteger  element #[0-9]+ ID 01\.001  "50" -> "61"  ok\nexit 0' \
-    "$(db audit --operation setInteger)"
-expect "audit asked of egwd at level 3, as JSON" \
+    "$(db audit --operation setInteger --limit 1)"
+expect "audit asked of egwd at level 3, as JSON, a full last page" \
     '"operation": "setInteger",.*"before": "50",.*"after": "61",.*"result": "ok".*"next": null\n\}\nexit 0' \
-    "$(at 3 3333 --json audit --operation setInteger)"
+    "$(at 3 3333 --json audit --operation setInteger --limit 1)"
 expect "audit refused below level 3" 'egw: queryAudit needs access level 3[^\n]*\nexit 1' \
     "$(at 2 2222 audit)"
 expect "failed logins in the audit" 'loginFailed  "1" -> -  level 3: wrong password\nexit 0' \

@@ -14,7 +14,7 @@ cleanup()
 }
 trap cleanup EXIT
 
-"$egwd" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
+"$egwd" --port 0 --database :memory: >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
 for _ in $(seq 300); do
     grep -q 'serving' "$work/egwd.out" && break
@@ -32,6 +32,7 @@ scenario=(
     "get det-1-001 AlarmThreshold" "--json get repeater-1 DeviceId" "get det-1-001 LastServiceDate"
     "get det-1-001 NoSuchProperty" "get no-such-element Address" "get det-1-001 BuzzerEnabled"
     "state det-1-001 FireAlarmState" "set det-1-001 AlarmThreshold 60"
+    "set det-1-001 AlarmThreshold 300"
     "set repeater-1 Label \"Repeater, lobby\"" "set repeater-1 Label \"Repeater panel, security desk\""
     "state det-1-002 FaultState FaultOpenCircuit"
     "state det-1-002 FaultState Normal"
