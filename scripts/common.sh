@@ -11,11 +11,30 @@ if command -v ccache >/dev/null; then
     export CCACHE_BASEDIR=$repo CCACHE_NOHASHDIR=true
 fi
 
+# The ARM builds link egwd against a root of the target's libraries made from Debian's packages
+# (scripts/crossDeps.sh, cached outside the repository); its path is the last line the script
+# prints.
+target_root()
+{
+    bash "$repo/scripts/crossDeps.sh" "$1" | tail -n 1
+}
+
 configure()
 {
     local preset=$1
     shift
-    cmake -S "$repo" --preset "$preset" -B "$build_root/$preset" "$@"
+    local args=()
+    if [[ $preset == armhf || $preset == aarch64 ]]; then
+        local root
+        root=$(target_root "$preset")
+        args+=(-DEGW_TARGET_ROOT="$root")
+        # A new root (new versions) invalidates every path found in the old one.
+        if grep -qs '^EGW_TARGET_ROOT:' "$build_root/$preset/CMakeCache.txt" &&
+            ! grep -qsx "EGW_TARGET_ROOT:PATH=$root" "$build_root/$preset/CMakeCache.txt"; then
+            args+=(--fresh)
+        fi
+    fi
+    cmake -S "$repo" --preset "$preset" -B "$build_root/$preset" "${args[@]}" "$@"
 }
 
 build()

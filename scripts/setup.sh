@@ -4,6 +4,9 @@
 #
 #   scripts/setup.sh          native build, tests, sanitizers, packages
 #   scripts/setup.sh cross    also the ARM cross compilers and qemu-user for the target tests
+# The ARM builds' libraries for egwd (Thrift, OpenSSL, SQLite, cpp-httplib) are not installed
+# here: scripts/crossDeps.sh makes them from Debian's packages into a cache of their own when the
+# cross builds configure (scripts/test.sh, scripts/common.sh).
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build g++ clang clang-14 libclang-rt-14-dev ccache pkg-config

@@ -4,7 +4,9 @@
 #   asan     Clang 14 with AddressSanitizer and UndefinedBehaviorSanitizer
 #   armhf    32-bit ARM (the panel's board), legacy string ABI, under qemu-arm
 #   aarch64  64-bit ARM, under qemu-aarch64
-# Each is built, then runs its unit tests, the interface check (exported symbols) and the install
+# The ARM builds first make (or find in their cache) the target's libraries for egwd from Debian's
+# packages (scripts/crossDeps.sh); egwd runs under qemu-user there, its clients on this machine.
+# Each is built, then runs its unit tests, the service tests (egwd), the interface check (exported symbols) and the install
 # tests (installed tree, Debian packages, consumer programs).
 #
 #   scripts/test.sh [CONFIGURATION...]     (default: all of them, in this order)
@@ -91,9 +93,15 @@ check()
         armhf) echo "==== armhf: 32-bit ARM hard float, legacy string ABI, tests under qemu-arm" ;;
         aarch64) echo "==== aarch64: 64-bit ARM, tests under qemu-aarch64" ;;
     esac
+    if [[ $preset == armhf || $preset == aarch64 ]]; then
+        # Built once per version set and cached; a warm run only looks the versions up.
+        step "$preset: target libraries" target_root "$preset"
+    fi
     step "$preset: configure" configure "$preset"
     step "$preset: build" build "$preset"
-    tests "$preset: unit tests" "$preset" -LE 'abi|install'
+    tests "$preset: unit tests" "$preset" -LE 'abi|install|service'
+    # egwd as a process with its clients (on ARM: egwd under qemu-user, the clients here).
+    tests "$preset: service tests" "$preset" -L service
     tests "$preset: interface check" "$preset" -L abi
     tests "$preset: install, packages, consumers" "$preset" -L install
 }

@@ -159,6 +159,13 @@ depends_of()
 system_package()
 {
     local soname=$1 dir candidate
+    # A cross build's target root (OpenSSL, SQLite from Debian's packages) names its packages in
+    # their shlibs lines ("libssl 3 libssl3 (>= 3.0.20)").
+    if [[ -f ${TARGET_SHLIBS:-} && $soname =~ ^(.+)\.so\.([0-9.]+)$ ]]; then
+        candidate=$(awk -v l="${BASH_REMATCH[1]}" -v v="${BASH_REMATCH[2]}" \
+            '$1 == l && $2 == v {print $3; exit}' "$TARGET_SHLIBS")
+        [[ -n $candidate ]] && { echo "$candidate"; return; }
+    fi
     for dir in ${SYSTEM_LIBRARY_DIRS:-/lib /usr/lib}; do
         [[ -e "$dir/$soname" ]] || continue
         for candidate in "$dir/$soname" "/usr${dir#/usr}/$soname" "${dir#/usr}/$soname" \
@@ -256,12 +263,30 @@ check_packages()
     # What the packages ship runs in their own roots.
     run_installed_tool "$work/root-elementgateway-tools/usr" "$libdir"
     if [[ -n $service ]]; then
-        local egwd=$work/root-elementgateway-service/usr/bin/egwd output
+        local egwd=$work/root-elementgateway-service/usr/bin/egwd
         local -a emulator=()
         read -r -a emulator <<<"${CONSUMER_EMULATOR:-}"
-        output=$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$egwd" --version) &&
-            grep -q '^egwd ' <<<"$output" || fail "egwd --version from its package's root"
-        echo "egwd runs from its package's root"
+        # egwd from its package's root serves the sample panel with the packaged library: the
+        # packaged example client (on this machine, with the packaged Python module) walks
+        # through it to its end.
+        local service_root=$work/root-elementgateway-service
+        (cd "$work" && exec env -u LD_LIBRARY_PATH "${emulator[@]}" "$egwd" --port 0 \
+            --database "$work/egwd.db" >"$work/egwd.out" 2>"$work/egwd.err") &
+        local server=$! port= _
+        for _ in $(seq 300); do
+            port=$(sed -n 's/.* on 127\.0\.0\.1:\([0-9]*\) .*/\1/p' "$work/egwd.out")
+            [[ -n $port ]] && break
+            sleep 0.1
+        done
+        [[ -n $port ]] ||
+            { kill "$server"; cat "$work/egwd.err"; fail "the packaged egwd did not serve"; }
+        PYTHONPATH=$service_root/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
+            /usr/bin/python3 "$service_root/usr/share/elementGateway/examples/egwClientExample.py" \
+            "127.0.0.1:$port" 2222 >"$work/example.out" 2>&1 ||
+            { kill "$server"; cat "$work/example.out" "$work/egwd.err"; fail "the example client"; }
+        kill "$server"
+        wait "$server" || true
+        echo "egwd runs from its package's root and serves the packaged example client"
         # The unit starts the egwd the package installs.
         grep -q '^ExecStart=/usr/bin/egwd ' \
             "$work/root-elementgateway-service/usr/lib/systemd/system/egwd.service" ||

@@ -166,5 +166,7 @@ if(TARGET egwd)
   add_test(NAME egw_records
            COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/recordsRuns.sh
                    $<TARGET_FILE:egw> $<TARGET_FILE:egwd>)
-  set_tests_properties(egw_records PROPERTIES LABELS service TIMEOUT 300)
+  string(JOIN " " egw_records_emulator ${CMAKE_CROSSCOMPILING_EMULATOR})
+  set_tests_properties(egw_records PROPERTIES LABELS service TIMEOUT 300
+                       ENVIRONMENT "EMULATOR=${egw_records_emulator}")
 endif()

@@ -3,14 +3,16 @@
 # its database file (--database), filtered and paged; the file is never written by the tool.
 # Usage: recordsRuns.sh EGW EGWD
 set -u
-egw=$1
-egwd=$2
+# A cross build's emulator (EMULATOR, its words) runs both programs.
+read -r -a emulator <<<"${EMULATOR:-}"
+egw=("${emulator[@]}" "$1")
+egwd=("${emulator[@]}" "$2")
 work=$(mktemp -d)
 trap 'kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -rf "$work"' EXIT
 failed=0
 
 # Started as systemd starts it: no --database, the state directory in the environment.
-STATE_DIRECTORY=$work "$egwd" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
+STATE_DIRECTORY=$work "${egwd[@]}" --port 0 >"$work/egwd.out" 2>"$work/egwd.err" &
 pid=$!
 for _ in $(seq 300); do
     grep -qs 'serving' "$work/egwd.out" && break
@@ -18,8 +20,8 @@ for _ in $(seq 300); do
 done
 port=$(sed -n 's/.* on 127\.0\.0\.1:\([0-9]*\) .*/\1/p' "$work/egwd.out")
 [[ -n $port ]] || { echo "egwd did not start:"; cat "$work/egwd.err"; exit 1; }
-at() { local level=$1 password=$2; shift 2; "$egw" --connect "127.0.0.1:$port" --level "$level" --password "$password" "$@" 2>&1; echo "exit $?"; }
-db() { "$egw" "$@" --database "$work/egwd.db" 2>&1; echo "exit $?"; }
+at() { local level=$1 password=$2; shift 2; "${egw[@]}" --connect "127.0.0.1:$port" --level "$level" --password "$password" "$@" 2>&1; echo "exit $?"; }
+db() { "${egw[@]}" "$@" --database "$work/egwd.db" 2>&1; echo "exit $?"; }
 
 # The output of a run must match the extended regular expression (over all its lines; \n is a
 # line break).
@@ -66,7 +68,7 @@ expect "history asked of egwd says the same" "$(db history --limit 3 | sed 's/[]
 expect "nothing before the first record" '^no records\nexit 0' "$(db audit --to 2000-01-01)"
 
 expect "history needs a source" 'egw: history: give either --database FILE[^\n]*\nexit 2' \
-    "$("$egw" history 2>&1; echo "exit $?")"
+    "$("${egw[@]}" history 2>&1; echo "exit $?")"
 expect "bad time" 'egw: --from yesterday: expected a UTC time[^\n]*\nexit 2' \
     "$(db audit --from yesterday)"
 expect "bad limit" 'audit: --limit: Value 0 not in range[^\n]*\nexit 2' "$(db audit --limit 0)"

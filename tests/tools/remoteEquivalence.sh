@@ -3,8 +3,10 @@
 # byte for byte: one scripted scenario is run both ways and compared.
 #   remoteEquivalence.sh EGW EGWD
 set -euo pipefail
-egw=$1
-egwd=$2
+# A cross build's emulator (EMULATOR, its words) runs both programs.
+read -r -a emulator <<<"${EMULATOR:-}"
+egw=("${emulator[@]}" "$1")
+egwd=("${emulator[@]}" "$2")
 work=$(mktemp -d)
 server=
 cleanup()
@@ -14,7 +16,7 @@ cleanup()
 }
 trap cleanup EXIT
 
-"$egwd" --port 0 --database :memory: >"$work/egwd.out" 2>"$work/egwd.err" &
+"${egwd[@]}" --port 0 --database :memory: >"$work/egwd.out" 2>"$work/egwd.err" &
 server=$!
 for _ in $(seq 300); do
     grep -q 'serving' "$work/egwd.out" && break
@@ -42,9 +44,9 @@ failed=0
 for step in "${scenario[@]}"; do
     eval "words=($step)"
     set +e
-    "$egw" "${words[@]}" >"$work/local" 2>&1
+    "${egw[@]}" "${words[@]}" >"$work/local" 2>&1
     local_status=$?
-    "$egw" "${remote[@]}" "${words[@]}" >"$work/remote" 2>&1
+    "${egw[@]}" "${remote[@]}" "${words[@]}" >"$work/remote" 2>&1
     remote_status=$?
     set -e
     if [[ $local_status -ne $remote_status ]] || ! cmp -s "$work/local" "$work/remote"; then
@@ -57,7 +59,7 @@ for step in "${scenario[@]}"; do
 done
 # A reader that has gone (egw tree | head) ends the run quietly, as a closed pipe ends a program.
 for way in "" "${remote[*]}"; do
-    { sleep 0.2; "$egw" $way tree 2>"$work/stderr" && echo 0 >"$work/status" ||
+    { sleep 0.2; "${egw[@]}" $way tree 2>"$work/stderr" && echo 0 >"$work/status" ||
         echo $? >"$work/status"; } | true
     if [[ $(cat "$work/status") != 141 || -s $work/stderr ]]; then
         echo "DIFFERENT: egw $way tree into a closed pipe: exit $(cat "$work/status"), $(cat "$work/stderr")"

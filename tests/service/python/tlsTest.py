@@ -150,8 +150,10 @@ class MutualTlsTest(Certificates, EgwdTestCase):
         self.assertEqual(run.returncode, 1, run.stderr)
         # With TLS 1.3 the server refuses the client's certificate after the client's side of the
         # handshake: the client reads the alert, or finds the connection gone while it checks
-        # the server's names.
-        self.assertRegex(run.stderr, r"egw: 127\.0\.0\.1:\d+: .*(unknown ca|cannot authorize)")
+        # the server's names, or (a slower client: egw under an emulator) while it writes its
+        # first request.
+        self.assertRegex(run.stderr, r"egw: 127\.0\.0\.1:\d+: .*(unknown ca|cannot authorize|"
+                                     r"SSL_write: Broken pipe|Connection reset by peer)")
         run = self.run_tool(sys.executable, egwdProcess.settings.example, *stranger, where, "2222")
         self.assertEqual(run.returncode, 3, run.stdout + run.stderr)
         # The same race in Python's ssl module: the alert, or the connection found closed.
