@@ -284,7 +284,7 @@ class GapTest(RecordsTestCase):
         self.assertEqual(stored + lost, sum(changes))
 
         def egw(*arguments):
-            return subprocess.run([EGW, *arguments, "--database", database, "--limit", "1000"],
+            return subprocess.run([*egwdProcess.settings.emulator, EGW, *arguments, "--database", database, "--limit", "1000"],
                                   capture_output=True, text=True, timeout=60, check=True).stdout
         shown = egw("history")
         for gap in gaps:
