@@ -284,7 +284,8 @@ class GapTest(RecordsTestCase):
         self.assertEqual(stored + lost, sum(changes))
 
         def egw(*arguments):
-            return subprocess.run([*egwdProcess.settings.emulator, EGW, *arguments, "--database", database, "--limit", "1000"],
+            command = [*egwdProcess.settings.emulator, EGW, *arguments]
+            return subprocess.run(command + ["--database", database, "--limit", "1000"],
                                   capture_output=True, text=True, timeout=60, check=True).stdout
         shown = egw("history")
         for gap in gaps:
