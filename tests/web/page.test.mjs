@@ -248,8 +248,11 @@ test('on a panel of 120,000 elements: conditions within 3 s, alarms during loadi
         const nodes = await tab.evaluate(() => document.getElementsByTagName('*').length);
         console.log(`120k panel: conditions shown ${shown.toFixed(0)} ms after navigation, tree ready after ${ready.toFixed(0)} ms, ` +
             `${nodes} DOM nodes; alarms raised while loading shown after ${late.map((ms) => ms.toFixed(0)).join(', ')} ms`);
-        assert.ok(shown < 3000, `conditions after ${shown} ms`);
-        assert.ok(late.every((ms) => ms < 1000), late.join(', '));
+        // The figures hold for the plain builds; a sanitized build runs several times slower and
+        // is held to the same rule with its slowdown (EGW_SLOWDOWN, from the build).
+        const slowdown = Number(process.env.EGW_SLOWDOWN ?? 1);
+        assert.ok(shown < 3000 * slowdown, `conditions after ${shown} ms`);
+        assert.ok(late.every((ms) => ms < 1000 * slowdown), late.join(', '));
         // egwd may still be reading the panel: the page says so until it is done.
         await tab.waitForFunction(() => document.querySelector('#summary').textContent.endsWith('NOT in the normal condition.'), { timeout: 30000 });
         const samples = await tab.evaluate(() => window.samples);
