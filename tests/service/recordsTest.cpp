@@ -630,7 +630,8 @@ std::int64_t countOf(const std::string& file, const char* sql)
 }
 
 // Eight level-3 sessions change states at once for a few seconds, no session following them:
-// every change has its row, and every state change is stored in the event memory or counted in a gap row.
+// every change has its row, and every state change is stored in the event memory or counted in a
+// gap row.
 TEST_F(Records, EveryEventOfEightWritersIsStoredAndEveryChangeHasItsRow)
 {
     egwservice::ServiceSettings settings;
